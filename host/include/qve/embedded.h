@@ -1,0 +1,136 @@
+// The embedded host's own C++ API, for programs and tests: contexts and
+// property lists to call the plug-in with, settings, fault switches, log
+// capture, the allocation ledger and JSON of results.
+//
+// Everything here runs in the host process; none of it is part of the
+// contract in host.h, and the plug-in never calls it.
+#ifndef QVE_EMBEDDED_H_
+#define QVE_EMBEDDED_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "qve/host.h"
+
+namespace qvehost {
+
+// ---- Contexts and property lists -------------------------------------------
+
+// A fetchlet context with the host's log source and language handle. Owned by
+// the caller; delete it after every fetchlet made with it is freed.
+qvefet_Context* NewContext();
+void DeleteContext(qvefet_Context* context);
+
+// Property lists keep insertion order; setting a name again replaces the
+// value in its place.
+qvlnv_NVList* NewPropertyList();
+void SetProperty(qvlnv_NVList* list, std::string_view name,
+                 std::string_view value);
+void DeletePropertyList(qvlnv_NVList* list);
+
+// ---- Settings ---------------------------------------------------------------
+
+// Server version reported by qvectx_getPLBVersion (default 0x410000).
+void SetServerVersion(int32_t version);
+
+// The operating system's character set by name ("ISO-8859-1", ...); empty:
+// from the locale that LC_ALL, LC_CTYPE or LANG names (C/POSIX: UTF-8).
+void SetOsCharset(const std::string& name);
+
+enum class LogLevel { kTrace, kDebug, kWarn, kError, kOff };
+void SetLogLevel(LogLevel level);
+// Sends the host log to a file instead of standard error; "" restores stderr.
+// Returns false when the file cannot be opened.
+bool SetLogFile(const std::string& path);
+
+// ---- Aborts -----------------------------------------------------------------
+
+// Calls the abort callback registered under requestId, from any thread.
+// Returns false when no run has that identifier registered.
+bool AbortRequest(std::string_view requestId);
+
+// Kills the process group of every command the host has started and not yet
+// reaped (the program's second Ctrl-C).
+void KillRunningCommands();
+
+// ---- Fault switches -----------------------------------------------------------
+
+// Makes the nth allocation (counting from 1, from now on) of module fail;
+// with persistent, that one and every later one fail. An empty module counts
+// every module's allocations.
+void FailAllocation(std::string_view module, uint64_t nth, bool persistent);
+// Allocations counted for module since the last ResetFaults (for sweeps).
+uint64_t AllocationCount(std::string_view module);
+void RefuseNewFetchlet(bool refuse);
+void RefuseMetricResult(bool refuse);
+// Every plain start returns result without starting anything (0: start for
+// real), e.g. QVE_NOT_FOUND or QVE_PROCESS_LIMIT.
+void ForceStartResult(int32_t result);
+// The next character-set conversion fails with a non-zero result.
+void FailNextConversion();
+// Clears every switch and the allocation counters; settings stay.
+void ResetFaults();
+
+// ---- Ledger -----------------------------------------------------------------
+
+struct LiveBlock {
+  std::string module;
+  int line = 0;
+  size_t size = 0;
+};
+// Live blocks of module (all modules when empty), in no particular order.
+std::vector<LiveBlock> LiveBlocks(std::string_view module = {});
+// "module:line (size bytes)" lines of the live blocks, for failure messages.
+std::string DescribeLiveBlocks(std::string_view module = {});
+
+// ---- Log capture ------------------------------------------------------------
+
+struct LogRecord {
+  std::string logger;  // "fetchlets.os", ...
+  LogLevel level;
+  std::string text;    // exactly as formatted, line feeds kept
+};
+
+// Records every log line while it lives, at every level, whatever the
+// configured level. One capture at a time.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogRecord> Records() const;
+  // Texts of the records of one level (and logger, when given).
+  std::vector<std::string> Texts(LogLevel level,
+                                 std::string_view logger = {}) const;
+  void Clear();
+};
+
+// ---- Results ------------------------------------------------------------------
+
+// {"rows":[ROW,...],"warning":W}; a row is an array of cells up to its highest
+// set column; a cell is a string, null, or {"rows":[...]}. Strings are kept
+// byte for byte; dump with nlohmann's replace error handler for output.
+nlohmann::json ResultToJson(const qvedrmr_MetricResult* result);
+
+// ---- Credential launcher ----------------------------------------------------
+
+// The fetchlet-launch program that authenticated processes start. Empty (the
+// default): the first executable fetchlet-launch found in, in this order, the
+// host library's own directory DIR, DIR/../libexec, DIR/../../libexec (an
+// installed library under lib/<multiarch>) and DIR/../bin (the build tree).
+// An installed launcher is set-user-ID root so that an unprivileged host can
+// run commands as other users.
+void SetLauncherPath(const std::string& path);
+// The launcher the next authenticated start uses; empty when none is found.
+std::string LauncherPath();
+
+}  // namespace qvehost
+
+#endif  // QVE_EMBEDDED_H_

@@ -1,0 +1,257 @@
+// fetchlet-launch: runs one command as another user once PAM has accepted
+// that user's password. The embedded host starts it; see launch_protocol.h
+// for what passes between them.
+//
+// It may be installed set-user-ID root, as su is, so that an unprivileged
+// host can run commands as other users. It then trusts its caller with
+// nothing but the command, the command's environment and the credentials:
+// its settings come from a root-owned file, it authenticates with a clean
+// environment of its own, and it can be neither traced nor made to dump core.
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/auxv.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "launch_protocol.h"
+#include "launcher.h"
+
+#ifndef QVE_LAUNCHER_CONFIG
+#define QVE_LAUNCHER_CONFIG "/etc/fetchlet/launch.conf"
+#endif
+
+namespace qvelaunch {
+namespace {
+
+constexpr char kDefaultConfig[] = QVE_LAUNCHER_CONFIG;
+constexpr char kDefaultService[] = "fetchlet-launch";
+// For PAM modules that run helpers.
+constexpr char kOwnPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr size_t kMaxConfig = 64 * 1024;
+
+constexpr char kInvalidRequest[] = "Invalid request to the launcher";
+constexpr char kBadConfig[] = "Launcher configuration is not valid";
+constexpr char kUnsafeConfig[] = "Launcher configuration is not secure";
+constexpr char kUnknownUser[] = "Authentication failed: unknown user";
+constexpr char kRootRefused[] = "Running commands as root is not permitted";
+
+struct Settings {
+  std::string service = kDefaultService;
+  bool allow_root = false;
+};
+
+// The request of descriptor 3. The buffer is allocated once at its full
+// size, so that no reallocation leaves a copy of the password behind.
+struct Request {
+  char* bytes = nullptr;
+  size_t size = 0;
+  const char* user = nullptr;
+  char* password = nullptr;
+  std::vector<char*> env;
+
+  void WipePassword() {
+    if (password != nullptr) explicit_bzero(password, std::strlen(password));
+  }
+};
+
+std::string_view Trim(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r";
+  const size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+bool ValidServiceName(std::string_view name) {
+  if (name.empty() || name.size() > 64) return false;
+  for (char c : name) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                       (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+                       c == '.';
+    if (!plain) return false;
+  }
+  return name[0] != '.';
+}
+
+// "key = value" lines; '#' starts a comment. Unknown keys are errors, so
+// that a misspelt setting is not silently ignored.
+bool ParseSettings(std::string_view text, Settings* settings) {
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    line = Trim(line.substr(0, line.find('#')));
+    if (line.empty()) continue;
+    const size_t equals = line.find('=');
+    if (equals == std::string_view::npos) return false;
+    const std::string_view key = Trim(line.substr(0, equals));
+    const std::string_view value = Trim(line.substr(equals + 1));
+    if (key == "service" && ValidServiceName(value)) {
+      settings->service.assign(value);
+    } else if (key == "allow_root" && (value == "yes" || value == "no")) {
+      settings->allow_root = value == "yes";
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+// A missing file leaves the defaults. A privileged launcher takes its
+// settings only from a regular file that root owns and only root may write.
+const char* ReadSettings(const std::string& path, bool privileged,
+                         Settings* settings) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return errno == ENOENT ? nullptr : kBadConfig;
+  struct stat info;
+  const char* failure = nullptr;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    failure = kBadConfig;
+  } else if (privileged &&
+             (info.st_uid != 0 || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+    failure = kUnsafeConfig;
+  }
+  std::string text;
+  char chunk[4096];
+  while (failure == nullptr) {
+    const ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) break;
+    if (n < 0 || text.size() + static_cast<size_t>(n) > kMaxConfig) {
+      failure = kBadConfig;
+    } else {
+      text.append(chunk, static_cast<size_t>(n));
+    }
+  }
+  close(fd);
+  if (failure == nullptr && !ParseSettings(text, settings)) failure = kBadConfig;
+  return failure;
+}
+
+bool ReadAll(int fd, Request* request) {
+  request->bytes = static_cast<char*>(std::malloc(kMaxRequest));
+  if (request->bytes == nullptr) return false;
+  for (;;) {
+    const ssize_t n = read(fd, request->bytes + request->size,
+                           kMaxRequest - request->size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) return true;
+    request->size += static_cast<size_t>(n);
+    if (request->size == kMaxRequest) return false;
+  }
+}
+
+// user NUL password NUL {NAME=VALUE NUL}
+bool ReadRequest(Request* request) {
+  const bool read = ReadAll(kRequestFd, request);
+  close(kRequestFd);
+  if (!read || request->size == 0 || request->bytes[request->size - 1] != 0) {
+    return false;
+  }
+  char* next = request->bytes;
+  char* const end = request->bytes + request->size;
+  std::vector<char*> strings;
+  while (next < end) {
+    strings.push_back(next);
+    next += std::strlen(next) + 1;
+  }
+  if (strings.size() < 2 || strings[0][0] == '\0') return false;
+  request->user = strings[0];
+  request->password = strings[1];
+  for (size_t i = 2; i < strings.size(); ++i) {
+    if (std::strchr(strings[i], '=') != nullptr) {
+      request->env.push_back(strings[i]);
+    }
+  }
+  return true;
+}
+
+bool LookUp(const char* user, Account* account) {
+  const passwd* entry = getpwnam(user);
+  if (entry == nullptr) return false;
+  account->name = entry->pw_name;
+  account->home = entry->pw_dir != nullptr ? entry->pw_dir : "";
+  account->shell = entry->pw_shell != nullptr ? entry->pw_shell : "";
+  account->uid = entry->pw_uid;
+  account->gid = entry->pw_gid;
+  return true;
+}
+
+// Descriptors 0 to 2 must be open, or a descriptor opened later could take
+// the place of one of them in the command.
+void SecureDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) >= 0) continue;
+    if (open("/dev/null", O_RDWR) != fd) std::_Exit(kLauncherFailed);
+  }
+  // Without its two private descriptors the launcher cannot even report.
+  if (fcntl(kErrorFd, F_SETFD, FD_CLOEXEC) != 0 ||
+      fcntl(kRequestFd, F_SETFD, FD_CLOEXEC) != 0) {
+    std::_Exit(kLauncherFailed);
+  }
+}
+
+// The caller's environment is dropped before anything else reads it.
+std::string ConfigPath(bool privileged) {
+  const char* chosen = privileged ? nullptr : std::getenv(kConfigVariable);
+  std::string path = chosen != nullptr && *chosen != '\0' ? chosen
+                                                          : kDefaultConfig;
+  clearenv();
+  putenv(const_cast<char*>(kOwnPath));
+  return path;
+}
+
+}  // namespace
+
+void Report(char tag, const char* text) {
+  std::string line(1, tag);
+  line.append(text).push_back('\n');
+  ssize_t n;
+  do {
+    n = write(kErrorFd, line.data(), line.size());
+  } while (n < 0 && errno == EINTR);
+}
+
+void Refuse(const char* text) {
+  Report(kRefusedTag, text);
+  std::exit(kLauncherFailed);
+}
+
+}  // namespace qvelaunch
+
+int main(int argc, char** argv) {
+  using namespace qvelaunch;
+  prctl(PR_SET_DUMPABLE, 0);
+  const bool privileged = getauxval(AT_SECURE) != 0;
+  SecureDescriptors();
+  const std::string config = ConfigPath(privileged);
+  if (argc < 3 || std::strcmp(argv[1], kCommandMark) != 0) {
+    Refuse(kInvalidRequest);
+  }
+  Settings settings;
+  if (const char* failure = ReadSettings(config, privileged, &settings)) {
+    Refuse(failure);
+  }
+  Request request;
+  if (!ReadRequest(&request)) Refuse(kInvalidRequest);
+  Account account;
+  const char* failure = nullptr;
+  if (!LookUp(request.user, &account)) {
+    failure = kUnknownUser;
+  } else if (account.uid == 0 && !settings.allow_root) {
+    failure = kRootRefused;
+  } else {
+    failure = Authenticate(settings.service, request.user, request.password);
+  }
+  request.WipePassword();
+  if (failure != nullptr) Refuse(failure);
+  RunCommand(account, argv + 2, request.env);
+}

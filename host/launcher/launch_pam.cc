@@ -1,0 +1,114 @@
+// Password and account checks through PAM, with fixed English texts for
+// every failure: PAM's own messages may be translated, or say too much.
+#include <security/pam_appl.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "launcher.h"
+
+namespace qvelaunch {
+namespace {
+
+constexpr char kServiceUnavailable[] = "Authentication service unavailable";
+constexpr char kWrongPassword[] = "Authentication failed: wrong password";
+constexpr char kAuthFailed[] = "Authentication failed";
+constexpr char kAccountRefused[] = "Account expired or not permitted";
+constexpr char kPasswordExpired[] = "Password expired";
+
+struct Answers {
+  const char* password;
+};
+
+void FreeReplies(pam_response* replies, int count) {
+  for (int i = 0; i < count; ++i) {
+    if (replies[i].resp == nullptr) continue;
+    explicit_bzero(replies[i].resp, std::strlen(replies[i].resp));
+    std::free(replies[i].resp);
+  }
+  std::free(replies);
+}
+
+// Answers every hidden prompt with the password; informational messages are
+// dropped; any other prompt has no answer here and fails the conversation.
+// PAM frees the replies, so each is a malloc'd copy.
+int Converse(int count, const pam_message** messages, pam_response** out,
+             void* data) {
+  *out = nullptr;
+  if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
+  const auto* answers = static_cast<const Answers*>(data);
+  auto* replies = static_cast<pam_response*>(
+      std::calloc(static_cast<size_t>(count), sizeof(pam_response)));
+  if (replies == nullptr) return PAM_BUF_ERR;
+  for (int i = 0; i < count; ++i) {
+    const int style = messages[i]->msg_style;
+    if (style == PAM_PROMPT_ECHO_OFF) {
+      replies[i].resp = strdup(answers->password);
+      if (replies[i].resp != nullptr) continue;
+    } else if (style == PAM_ERROR_MSG || style == PAM_TEXT_INFO) {
+      continue;
+    }
+    FreeReplies(replies, count);
+    return PAM_CONV_ERR;
+  }
+  *out = replies;
+  return PAM_SUCCESS;
+}
+
+// Stands in for PAM's sleep after a failure: a wrong password must not eat
+// seconds of the metric's time limit.
+void NoFailDelay(int /*status*/, unsigned int /*usec*/, void* /*data*/) {}
+
+const char* AuthenticationFailure(int result) {
+  switch (result) {
+    case PAM_SUCCESS:
+      return nullptr;
+    case PAM_AUTH_ERR:
+    case PAM_CRED_INSUFFICIENT:
+    case PAM_MAXTRIES:
+      return kWrongPassword;
+    case PAM_AUTHINFO_UNAVAIL:
+      return kServiceUnavailable;
+    default:
+      return kAuthFailed;
+  }
+}
+
+const char* AccountFailure(int result) {
+  switch (result) {
+    case PAM_SUCCESS:
+      return nullptr;
+    case PAM_NEW_AUTHTOK_REQD:
+      return kPasswordExpired;
+    default:
+      return kAccountRefused;
+  }
+}
+
+}  // namespace
+
+const char* Authenticate(const std::string& service, const char* user,
+                         const char* password) {
+  Answers answers{password};
+  const pam_conv conversation{Converse, &answers};
+  pam_handle_t* handle = nullptr;
+  int result = pam_start(service.c_str(), user, &conversation, &handle);
+  if (result != PAM_SUCCESS) return kServiceUnavailable;
+  result = pam_set_item(handle, PAM_FAIL_DELAY,
+                        reinterpret_cast<const void*>(&NoFailDelay));
+  const char* failure = result == PAM_SUCCESS ? nullptr : kServiceUnavailable;
+  constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
+  if (failure == nullptr) {
+    result = pam_authenticate(handle, kFlags);
+    failure = AuthenticationFailure(result);
+  }
+  if (failure == nullptr) {
+    result = pam_acct_mgmt(handle, kFlags);
+    failure = AccountFailure(result);
+  }
+  pam_end(handle, result);
+  return failure;
+}
+
+}  // namespace qvelaunch

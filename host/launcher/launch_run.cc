@@ -1,0 +1,236 @@
+// The command's start under the user, and the launcher's watch over it.
+//
+// The launcher stays the command's parent so that a host without privilege
+// can still end a command that runs under another uid: the host signals the
+// launcher, which it may, and the launcher ends the command's group.
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "launch_protocol.h"
+#include "launcher.h"
+
+namespace qvelaunch {
+namespace {
+
+constexpr char kSwitchRefused[] = "Unable to switch to the user";
+constexpr char kNotFound[] = "Command not found";
+constexpr char kNotExecutable[] = "Command not executable";
+constexpr char kExecFailed[] = "Unable to execute the command";
+constexpr char kForkFailed[] = "Unable to start the command";
+
+constexpr char kUserPath[] = "/usr/local/bin:/usr/bin:/bin";
+constexpr char kRootPath[] =
+    "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr char kDefaultShell[] = "/bin/sh";
+
+// Kills that the launcher passes on to the command's group.
+constexpr int kForwarded[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
+
+volatile sig_atomic_t g_command = 0;
+
+void Forward(int /*signal*/) {
+  const pid_t command = g_command;
+  if (command <= 0) return;
+  const int saved = errno;
+  kill(-command, SIGKILL);
+  // In case the command left its group.
+  kill(command, SIGKILL);
+  errno = saved;
+}
+
+bool Sets(const std::vector<char*>& env, std::string_view name) {
+  for (const char* entry : env) {
+    const std::string_view text(entry);
+    if (text.size() > name.size() && text.starts_with(name) &&
+        text[name.size()] == '=') {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The given environment, completed by the login variables it lacks. The
+// strings live in storage, which must not change size afterwards.
+std::vector<char*> CommandEnvironment(const Account& account,
+                                      const std::vector<char*>& given,
+                                      std::vector<std::string>* storage) {
+  const std::string shell = account.shell.empty() ? kDefaultShell
+                                                  : account.shell;
+  const std::pair<const char*, std::string> defaults[] = {
+      {"HOME", account.home},       {"USER", account.name},
+      {"LOGNAME", account.name},    {"SHELL", shell},
+      {"PATH", account.uid == 0 ? kRootPath : kUserPath}};
+  storage->reserve(std::size(defaults));
+  for (const auto& [name, value] : defaults) {
+    if (!Sets(given, name)) storage->push_back(std::string(name) + "=" + value);
+  }
+  std::vector<char*> env = given;
+  for (std::string& entry : *storage) env.push_back(entry.data());
+  env.push_back(nullptr);
+  return env;
+}
+
+// Supplementary groups, group and user, real, effective and saved alike; then
+// proof that root cannot be regained. Without privilege the launcher can
+// only run commands as its caller.
+bool SwitchUser(const Account& account) {
+  if (geteuid() != 0) {
+    return account.uid == getuid() && account.uid == geteuid();
+  }
+  if (initgroups(account.name.c_str(), account.gid) != 0 ||
+      setresgid(account.gid, account.gid, account.gid) != 0 ||
+      setresuid(account.uid, account.uid, account.uid) != 0) {
+    return false;
+  }
+  uid_t ruid, euid, suid;
+  gid_t rgid, egid, sgid;
+  if (getresuid(&ruid, &euid, &suid) != 0 ||
+      getresgid(&rgid, &egid, &sgid) != 0) {
+    return false;
+  }
+  const bool switched = ruid == account.uid && euid == account.uid &&
+                        suid == account.uid && rgid == account.gid &&
+                        egid == account.gid && sgid == account.gid;
+  if (!switched) return false;
+  return account.uid == 0 || (setuid(0) != 0 && seteuid(0) != 0);
+}
+
+// Default dispositions and an empty mask, as any command expects.
+void ResetSignals() {
+  struct sigaction standard;
+  std::memset(&standard, 0, sizeof standard);
+  standard.sa_handler = SIG_DFL;
+  for (int sig = 1; sig < NSIG; ++sig) sigaction(sig, &standard, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+const char* ExecFailure(int error) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return kNotFound;
+    case EACCES:
+    case EPERM:
+      return kNotExecutable;
+    default:
+      return kExecFailed;
+  }
+}
+
+[[noreturn]] void StartCommand(const Account& account, char** argv,
+                               std::vector<char*>& env) {
+  ResetSignals();
+  setpgid(0, 0);
+  if (!SwitchUser(account)) {
+    Report(kRefusedTag, kSwitchRefused);
+    _exit(kLauncherFailed);
+  }
+  if (account.home.empty() || chdir(account.home.c_str()) != 0) {
+    if (chdir("/") != 0) _exit(kLauncherFailed);
+  }
+  // Only 0 to 2 reach the command; the error descriptor closes on exec.
+  close_range(kRequestFd, kRequestFd, 0);
+  close_range(kErrorFd + 1, ~0U, 0);
+  // execvp searches the PATH of the command's own environment.
+  environ = env.data();
+  execvp(argv[0], argv);
+  const int error = errno;
+  Report(kExecFailedTag, ExecFailure(error));
+  _exit(error == ENOENT ? 127 : 126);
+}
+
+// The launcher keeps no more privilege than it needs to signal the command.
+void DropPrivilege(const Account& account) {
+  if (geteuid() != 0 || account.uid == 0) return;
+  if (setgroups(0, nullptr) == 0 &&
+      setresgid(getgid(), account.gid, account.gid) == 0) {
+    setresuid(getuid(), account.uid, account.uid);
+  }
+}
+
+// The command's output pipes must end when the command's copies close.
+void ReleaseStandardStreams() {
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0) return;
+  for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
+  close(null);
+}
+
+void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
+  sigemptyset(blocked);
+  struct sigaction action;
+  std::memset(&action, 0, sizeof action);
+  action.sa_handler = Forward;
+  sigfillset(&action.sa_mask);
+  for (int sig : kForwarded) {
+    sigaddset(blocked, sig);
+    sigaction(sig, &action, nullptr);
+  }
+  sigprocmask(SIG_BLOCK, blocked, previous);
+}
+
+// Waits without reaping, so that the command's id still names its group,
+// ends what is left of the group, reaps every member that ends up as the
+// launcher's child, then exits with the command's status. _exit: nothing is
+// left to flush, and a leak check at exit could not trace a process that
+// has switched users.
+[[noreturn]] void WaitAndExit(pid_t command) {
+  siginfo_t info;
+  std::memset(&info, 0, sizeof info);
+  while (waitid(P_PID, static_cast<id_t>(command), &info,
+                WEXITED | WNOWAIT) != 0) {
+    if (errno != EINTR) _exit(kLauncherFailed);
+  }
+  kill(-command, SIGKILL);
+  int status = 0;
+  while (waitpid(command, &status, 0) < 0) {
+    if (errno != EINTR) _exit(kLauncherFailed);
+  }
+  // As a subreaper the launcher inherits the group's orphans: no zombie of
+  // the command's is left to whoever reaps after it.
+  int orphan_status;
+  while (waitpid(-command, &orphan_status, 0) > 0 || errno == EINTR) {
+  }
+  if (WIFSIGNALED(status)) _exit(128 + WTERMSIG(status));
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : kLauncherFailed);
+}
+
+}  // namespace
+
+void RunCommand(const Account& account, char** argv,
+                const std::vector<char*>& env) {
+  std::vector<std::string> storage;
+  std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
+  sigset_t blocked;
+  sigset_t previous;
+  InstallForwarding(&blocked, &previous);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t command = fork();
+  if (command < 0) {
+    Report(kExecFailedTag, kForkFailed);
+    std::exit(kLauncherFailed);
+  }
+  if (command == 0) StartCommand(account, argv, command_env);
+  g_command = command;
+  setpgid(command, command);
+  close(kErrorFd);
+  ReleaseStandardStreams();
+  DropPrivilege(account);
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  WaitAndExit(command);
+}
+
+}  // namespace qvelaunch

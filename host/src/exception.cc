@@ -1,0 +1,55 @@
+// Exceptions: a kind and a message the exception owns.
+#include <string>
+
+#include "host_internal.h"
+#include "qve/host.h"
+
+struct qveue_Exception {
+  qveue_Exception(int32_t of_kind, const char* text)
+      : kind(of_kind), message(text != nullptr ? text : "") {}
+
+  int32_t kind;
+  std::string message;
+};
+
+extern "C" {
+
+qveue_Exception* qveue_Exception_new_init(int32_t kind, const char* message) {
+  return qvehost::internal::NewObject<qveue_Exception>(__LINE__, kind,
+                                                       message);
+}
+
+const char* qveue_Exception_getErrorMessage(qveue_Exception* exception) {
+  return exception != nullptr ? exception->message.c_str() : nullptr;
+}
+
+void qveue_Exception_setErrorMessage(qveue_Exception* exception,
+                                     const char* text) {
+  if (exception == nullptr) return;
+  try {
+    exception->message = text != nullptr ? text : "";
+  } catch (...) {
+  }
+}
+
+int32_t qveue_Exception_getKind(qveue_Exception* exception) {
+  return exception != nullptr ? exception->kind : 0;
+}
+
+void qveue_Exception_delete(qveue_Exception* exception) {
+  qvehost::internal::DeleteObject(exception);
+}
+
+// The slot takes whatever it is given, null included, so a caller's slot
+// never keeps a stale value; with no slot the exception would be lost, so it
+// is released.
+void qveue_propogateException(qveue_Exception** slot,
+                              qveue_Exception* exception) {
+  if (slot != nullptr) {
+    *slot = exception;
+  } else {
+    qvehost::internal::DeleteObject(exception);
+  }
+}
+
+}  // extern "C"

@@ -1,0 +1,274 @@
+// The counting allocator. Every block carries a small header in front that
+// links it into the ledger of live blocks, so allocation and release cost a
+// calloc/free plus a few pointer moves under one mutex: it sits on the path of
+// every cell of every table the plug-in builds.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host_internal.h"
+#include "qve/embedded.h"
+#include "qve/host.h"
+
+namespace {
+
+struct Module {
+  std::string name;
+  uint64_t count = 0;  // allocations since the last ResetFaults
+};
+
+constexpr uint32_t kLiveMagic = 0x51564531;
+constexpr uint32_t kFreedMagic = 0xdeadf4ee;
+
+// 48 bytes, so the caller's block keeps malloc's 16-byte alignment.
+struct alignas(16) Header {
+  Header* prev;
+  Header* next;
+  Module* module;
+  size_t size;
+  int32_t line;
+  uint32_t magic;
+};
+static_assert(sizeof(Header) % 16 == 0);
+
+constexpr size_t kMaxRequest = SIZE_MAX - sizeof(Header);
+
+struct AllocationSwitch {
+  bool armed = false;
+  Module* module = nullptr;  // null: every module's allocations count
+  uint64_t fail_at = 0;
+  bool persistent = false;
+};
+
+struct Ledger {
+  std::mutex mutex;
+  Header head{&head, &head, nullptr, 0, 0, 0};  // sentinel of a ring
+  std::vector<std::unique_ptr<Module>> modules;
+  Module* last_hit = nullptr;
+  uint64_t total = 0;
+  AllocationSwitch fault;
+
+  // Never destroyed: blocks may be released by static destructors of the
+  // program after this file's statics would be gone.
+  static Ledger& Get() {
+    static Ledger* ledger = new Ledger;
+    return *ledger;
+  }
+
+  Module* Find(std::string_view name) {
+    if (last_hit != nullptr && last_hit->name == name) return last_hit;
+    for (auto& module : modules) {
+      if (module->name == name) return last_hit = module.get();
+    }
+    return nullptr;
+  }
+
+  // Throws std::bad_alloc when a new name cannot be stored.
+  Module* Intern(const char* name) {
+    std::string_view key = name != nullptr ? name : "";
+    if (Module* found = Find(key)) return found;
+    modules.push_back(std::make_unique<Module>(Module{std::string(key), 0}));
+    return last_hit = modules.back().get();
+  }
+
+  // Counts one allocation of name; null when the switch fails it.
+  Module* Admit(const char* name) {
+    Module* module = Intern(name);
+    ++module->count;
+    ++total;
+    if (!fault.armed) return module;
+    uint64_t n = fault.module == nullptr ? total
+                 : fault.module == module ? module->count
+                                          : 0;
+    if (n == 0) return module;
+    bool fails = n == fault.fail_at || (fault.persistent && n > fault.fail_at);
+    return fails ? nullptr : module;
+  }
+
+  void Link(Header* header) {
+    header->prev = &head;
+    header->next = head.next;
+    head.next->prev = header;
+    head.next = header;
+  }
+
+  static void Unlink(Header* header) {
+    header->prev->next = header->next;
+    header->next->prev = header->prev;
+  }
+};
+
+Header* HeaderOf(void* block) {
+  Header* header = static_cast<Header*>(block) - 1;
+  if (header->magic != kLiveMagic) {
+    std::fprintf(stderr, "qvehost: %p is not a live block of the host\n",
+                 block);
+    std::abort();
+  }
+  return header;
+}
+
+// Makes a linked block; counted blocks go through the allocation switch.
+void* Allocate(size_t size, const char* module, int line, bool counted) {
+  if (size > kMaxRequest) return nullptr;
+  auto* header = static_cast<Header*>(std::calloc(1, sizeof(Header) + size));
+  if (header == nullptr) return nullptr;
+  Ledger& ledger = Ledger::Get();
+  try {
+    std::lock_guard lock(ledger.mutex);
+    Module* owner = counted ? ledger.Admit(module) : ledger.Intern(module);
+    if (owner != nullptr) {
+      *header = Header{nullptr, nullptr, owner, size, line, kLiveMagic};
+      ledger.Link(header);
+      return header + 1;
+    }
+  } catch (...) {
+  }
+  std::free(header);
+  return nullptr;
+}
+
+void Release(void* block) {
+  if (block == nullptr) return;
+  Header* header = HeaderOf(block);
+  Ledger& ledger = Ledger::Get();
+  {
+    std::lock_guard lock(ledger.mutex);
+    Ledger::Unlink(header);
+  }
+  header->magic = kFreedMagic;
+  std::free(header);
+}
+
+// The block leaves the ring while realloc may move it, and returns to it
+// moved or not; the copy happens outside the lock.
+void* Resize(void* block, size_t size, const char* module, int line) {
+  Header* header = HeaderOf(block);
+  if (size > kMaxRequest) return nullptr;
+  Ledger& ledger = Ledger::Get();
+  Module* owner = nullptr;
+  try {
+    std::lock_guard lock(ledger.mutex);
+    owner = ledger.Admit(module);
+    if (owner == nullptr) return nullptr;
+    Ledger::Unlink(header);
+  } catch (...) {
+    return nullptr;
+  }
+  size_t old_size = header->size;
+  auto* moved =
+      static_cast<Header*>(std::realloc(header, sizeof(Header) + size));
+  Header* live = moved != nullptr ? moved : header;
+  if (moved != nullptr) {
+    if (size > old_size) {
+      std::memset(reinterpret_cast<char*>(moved + 1) + old_size, 0,
+                  size - old_size);
+    }
+    moved->size = size;
+    moved->module = owner;
+    moved->line = line;
+  }
+  {
+    std::lock_guard lock(ledger.mutex);
+    ledger.Link(live);
+  }
+  return moved != nullptr ? moved + 1 : nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+void* qve_alloc0(size_t size, const char* module, int line) {
+  return Allocate(size, module, line, true);
+}
+
+char* qve_allocpy0(const char* text, const char* module, int line) {
+  if (text == nullptr) return nullptr;
+  size_t length = std::strlen(text);
+  auto* copy = static_cast<char*>(Allocate(length + 1, module, line, true));
+  if (copy != nullptr) std::memcpy(copy, text, length + 1);
+  return copy;
+}
+
+void* qve_realloc0(void* block, size_t size, const char* module, int line) {
+  if (block == nullptr) return Allocate(size, module, line, true);
+  return Resize(block, size, module, line);
+}
+
+void qve_free0(void* block, const char* /*module*/, int /*line*/) {
+  Release(block);
+}
+
+void qve_freecb(void* block) { Release(block); }
+
+}  // extern "C"
+
+namespace qvehost {
+
+namespace internal {
+
+void* ObjectAlloc(size_t size, int line) {
+  return Allocate(size, kHostModule, line, false);
+}
+
+void ObjectFree(void* block) { Release(block); }
+
+void ResetAllocationFaults() {
+  Ledger& ledger = Ledger::Get();
+  std::lock_guard lock(ledger.mutex);
+  ledger.fault = AllocationSwitch{};
+  ledger.total = 0;
+  for (auto& module : ledger.modules) module->count = 0;
+}
+
+}  // namespace internal
+
+void FailAllocation(std::string_view module, uint64_t nth, bool persistent) {
+  Ledger& ledger = Ledger::Get();
+  std::lock_guard lock(ledger.mutex);
+  ledger.fault = AllocationSwitch{};
+  if (nth == 0) return;  // nothing to fail: the switch stays off
+  Module* target = nullptr;
+  if (!module.empty()) {
+    target = ledger.Find(module);
+    if (target == nullptr) target = ledger.Intern(std::string(module).c_str());
+  }
+  uint64_t base = target != nullptr ? target->count : ledger.total;
+  ledger.fault = AllocationSwitch{true, target, base + nth, persistent};
+}
+
+uint64_t AllocationCount(std::string_view module) {
+  Ledger& ledger = Ledger::Get();
+  std::lock_guard lock(ledger.mutex);
+  if (module.empty()) return ledger.total;
+  Module* found = ledger.Find(module);
+  return found != nullptr ? found->count : 0;
+}
+
+std::vector<LiveBlock> LiveBlocks(std::string_view module) {
+  std::vector<LiveBlock> blocks;
+  Ledger& ledger = Ledger::Get();
+  std::lock_guard lock(ledger.mutex);
+  for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
+    if (!module.empty() && h->module->name != module) continue;
+    blocks.push_back(LiveBlock{h->module->name, h->line, h->size});
+  }
+  return blocks;
+}
+
+std::string DescribeLiveBlocks(std::string_view module) {
+  std::string text;
+  for (const LiveBlock& block : LiveBlocks(module)) {
+    text += block.module + ":" + std::to_string(block.line) + " (" +
+            std::to_string(block.size) + " bytes)\n";
+  }
+  return text;
+}
+
+}  // namespace qvehost

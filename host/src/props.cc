@@ -1,0 +1,75 @@
+// Property lists: name/value byte strings in insertion order. Values are
+// writable in place because the plug-in shortens "command" by storing a NUL
+// through the pointer it was given.
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host_internal.h"
+#include "qve/embedded.h"
+#include "qve/host.h"
+
+struct qvlnv_NVList {
+  struct Entry {
+    std::string name;
+    std::string value;
+  };
+  std::vector<Entry> entries;
+
+  Entry* Find(std::string_view name) {
+    for (Entry& entry : entries) {
+      if (entry.name == name) return &entry;
+    }
+    return nullptr;
+  }
+};
+
+struct qvlsl_Iterator {
+  explicit qvlsl_Iterator(const qvlnv_NVList* of) : list(of) {}
+  const qvlnv_NVList* list;
+  size_t next = 0;
+};
+
+extern "C" {
+
+char* qvlnvlgv_getValue(qvlnv_NVList* properties, const char* name) {
+  if (properties == nullptr || name == nullptr) return nullptr;
+  qvlnv_NVList::Entry* entry = properties->Find(name);
+  return entry != nullptr ? entry->value.data() : nullptr;
+}
+
+// A null list gives an iterator that ends at once.
+qvlsl_Iterator* qvlslci_createIterator(qvlnv_NVList* properties) {
+  return qvehost::internal::NewObject<qvlsl_Iterator>(__LINE__, properties);
+}
+
+const char* qvlnvinn_iteratorNextName(qvlsl_Iterator* iterator) {
+  if (iterator == nullptr || iterator->list == nullptr) return nullptr;
+  if (iterator->next >= iterator->list->entries.size()) return nullptr;
+  return iterator->list->entries[iterator->next++].name.c_str();
+}
+
+void qvlsldi_destroyIterator(qvlsl_Iterator* iterator) {
+  qvehost::internal::DeleteObject(iterator);
+}
+
+}  // extern "C"
+
+namespace qvehost {
+
+qvlnv_NVList* NewPropertyList() { return new qvlnv_NVList; }
+
+void SetProperty(qvlnv_NVList* list, std::string_view name,
+                 std::string_view value) {
+  if (list == nullptr) return;
+  if (qvlnv_NVList::Entry* entry = list->Find(name)) {
+    entry->value = std::string(value);
+    return;
+  }
+  list->entries.push_back({std::string(name), std::string(value)});
+}
+
+void DeletePropertyList(qvlnv_NVList* list) { delete list; }
+
+}  // namespace qvehost

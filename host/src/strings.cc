@@ -1,0 +1,53 @@
+// String helpers of the host runtime.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "qve/host.h"
+
+namespace {
+
+// ASCII only: the comparison must not depend on the locale.
+char AsciiLower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+}  // namespace
+
+extern "C" {
+
+char* qveustr_strncpy(char* destination, const char* source, size_t bound) {
+  if (destination == nullptr || source == nullptr) return destination;
+  return std::strncpy(destination, source, bound);
+}
+
+int qveupt_snprintf(char* buffer, size_t size, const char* format, ...) {
+  if (format == nullptr) return 0;
+  va_list args;
+  va_start(args, format);
+  int length = std::vsnprintf(size > 0 ? buffer : nullptr,
+                              buffer != nullptr ? size : 0, format, args);
+  va_end(args);
+  return length;
+}
+
+int32_t qve_equals(const char* first, const char* second) {
+  if (first == nullptr || second == nullptr) return 0;
+  return std::strcmp(first, second) == 0 ? 1 : 0;
+}
+
+int32_t strcaseeq(const char* first, const char* second) {
+  if (first == nullptr || second == nullptr) return first == second ? 0 : 1;
+  while (*first != '\0' && AsciiLower(*first) == AsciiLower(*second)) {
+    ++first;
+    ++second;
+  }
+  return AsciiLower(*first) == AsciiLower(*second) ? 0 : 1;
+}
+
+uint32_t qveut_currentSeconds(void) {
+  return static_cast<uint32_t>(std::time(nullptr));
+}
+
+}  // extern "C"
