@@ -18,10 +18,14 @@ std::string CellText(const Json& cell) {
 void PrintRows(std::ostream& out, const Json& rows, int indent) {
   for (const Json& row : rows) {
     out << std::string(static_cast<size_t>(indent), ' ');
+    std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
-      out << (i > 0 ? " | " : "") << CellText(row[i]);
+      line += (i > 0 ? " | " : "") + CellText(row[i]);
     }
-    out << "\n";
+    // A value that ends its own line (a command's whole output) gets no
+    // second line feed.
+    if (line.empty() || line.back() != '\n') line += '\n';
+    out << line;
     for (const Json& cell : row) {
       if (cell.is_object()) PrintRows(out, cell["rows"], indent + 2);
     }

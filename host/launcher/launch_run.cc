@@ -81,14 +81,31 @@ std::vector<char*> CommandEnvironment(const Account& account,
   return env;
 }
 
+// The account's supplementary groups, looked up before the child exists:
+// the child of vfork may make system calls only.
+std::vector<gid_t> GroupsOf(const Account& account) {
+  std::vector<gid_t> groups(32);
+  for (;;) {
+    int count = static_cast<int>(groups.size());
+    if (getgrouplist(account.name.c_str(), account.gid, groups.data(),
+                     &count) >= 0) {
+      groups.resize(static_cast<size_t>(count));
+      return groups;
+    }
+    groups.resize(static_cast<size_t>(count) > groups.size()
+                      ? static_cast<size_t>(count)
+                      : groups.size() * 2);
+  }
+}
+
 // Supplementary groups, group and user, real, effective and saved alike; then
 // proof that root cannot be regained. Without privilege the launcher can
 // only run commands as its caller.
-bool SwitchUser(const Account& account) {
+bool SwitchUser(const Account& account, const std::vector<gid_t>& groups) {
   if (geteuid() != 0) {
     return account.uid == getuid() && account.uid == geteuid();
   }
-  if (initgroups(account.name.c_str(), account.gid) != 0 ||
+  if (setgroups(groups.size(), groups.data()) != 0 ||
       setresgid(account.gid, account.gid, account.gid) != 0 ||
       setresuid(account.uid, account.uid, account.uid) != 0) {
     return false;
@@ -130,11 +147,14 @@ const char* ExecFailure(int error) {
   }
 }
 
-[[noreturn]] void StartCommand(const Account& account, char** argv,
-                               std::vector<char*>& env) {
+// Runs in the child of vfork, which shares the launcher's memory until it
+// executes: system calls only, no allocation.
+[[noreturn]] void StartCommand(const Account& account,
+                               const std::vector<gid_t>& groups, char** argv,
+                               char** env) {
   ResetSignals();
   setpgid(0, 0);
-  if (!SwitchUser(account)) {
+  if (!SwitchUser(account, groups)) {
     Report(kRefusedTag, kSwitchRefused);
     _exit(kLauncherFailed);
   }
@@ -144,8 +164,9 @@ const char* ExecFailure(int error) {
   // Only 0 to 2 reach the command; the error descriptor closes on exec.
   close_range(kRequestFd, kRequestFd, 0);
   close_range(kErrorFd + 1, ~0U, 0);
-  // execvp searches the PATH of the command's own environment.
-  environ = env.data();
+  // execvp searches the PATH of the command's own environment. The launcher
+  // reads its environment no more, so sharing the change is harmless.
+  environ = env;
   execvp(argv[0], argv);
   const int error = errno;
   Report(kExecFailedTag, ExecFailure(error));
@@ -214,16 +235,19 @@ void RunCommand(const Account& account, char** argv,
                 const std::vector<char*>& env) {
   std::vector<std::string> storage;
   std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
+  const std::vector<gid_t> groups = GroupsOf(account);
   sigset_t blocked;
   sigset_t previous;
   InstallForwarding(&blocked, &previous);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  const pid_t command = fork();
+  // vfork: no copy of the launcher's memory, with all of PAM in it, for a
+  // child that only switches user and executes.
+  const pid_t command = vfork();
+  if (command == 0) StartCommand(account, groups, argv, command_env.data());
   if (command < 0) {
     Report(kExecFailedTag, kForkFailed);
     std::exit(kLauncherFailed);
   }
-  if (command == 0) StartCommand(account, argv, command_env);
   g_command = command;
   setpgid(command, command);
   close(kErrorFd);

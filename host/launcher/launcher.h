@@ -31,9 +31,9 @@ struct Account {
 const char* Authenticate(const std::string& service, const char* user,
                          const char* password);
 
-// Forks; the child becomes account (groups, group, user, for good), changes
-// to its home directory and executes argv with env, completed by the login
-// variables it lacks. The launcher waits for it, passing kills on to its
+// Starts a child that becomes account (groups, group, user, for good),
+// changes to its home directory and executes argv with env, completed by the
+// login variables it lacks. The launcher waits for it, passing kills on to its
 // process group, and exits with its status. Never returns.
 [[noreturn]] void RunCommand(const Account& account, char** argv,
                              const std::vector<char*>& env);

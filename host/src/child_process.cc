@@ -247,6 +247,7 @@ bool ChildProcess::Reap(bool block) {
   errno = saved;
   exit_value_ = rc == 0 ? CollectStatus(pid_) : -1;
   reaped_ = true;
+  ForgetRunning(this);
   return true;
 }
 

@@ -85,6 +85,9 @@ class ChildProcess final : public StreamSource {
   // Sends sig to the child's group (it is still reserved while the child is
   // unreaped). 0, or -1 with errno.
   int SignalGroup(int sig);
+  // The signal KillRunningCommands sends to the group (default SIGKILL); a
+  // launcher that passes the kill on to its command wants SIGTERM.
+  void set_stop_signal(int sig) { stop_signal_ = sig; }
 
   // The exit status, 128 + the signal number for a signalled child, or -1
   // while unknown (not started, not reaped, or the wait failed).
@@ -110,14 +113,23 @@ class ChildProcess final : public StreamSource {
   bool Reap(bool block);
   void CloseAll();
 
+  friend void StopRunningChildren();
+
   pid_t pid_ = 0;
   bool reaped_ = false;
+  int stop_signal_ = 0;
   int32_t exit_value_ = -1;
   int stdin_fd_ = -1;
   bool stdin_nonblocking_ = false;
   Output stdout_;
   Output stderr_;
 };
+
+// Sends every started, unreaped child's group its stop signal.
+void StopRunningChildren();
+// Book-keeping of the children StopRunningChildren reaches.
+void TrackRunning(ChildProcess* child);
+void ForgetRunning(ChildProcess* child);
 
 }  // namespace qvehost::internal
 

@@ -310,6 +310,7 @@ int ChildProcess::Start(const SpawnRequest& request) {
     return error;
   }
   pid_ = pid;
+  TrackRunning(this);
   stdin_fd_ = parent[0];
   stdout_.fd = parent[1];
   stdout_.piped = parent[1] >= 0;
