@@ -36,7 +36,7 @@ constexpr char kDefaultConfig[] = QVE_LAUNCHER_CONFIG;
 constexpr char kDefaultService[] = "fetchlet-launch";
 // For PAM modules that run helpers.
 constexpr char kOwnPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-constexpr size_t kMaxConfig = 64 * 1024;
+constexpr size_t kMaxConfig = size_t{64} << 10;
 
 constexpr char kInvalidRequest[] = "Invalid request to the launcher";
 constexpr char kBadConfig[] = "Launcher configuration is not valid";
@@ -217,7 +217,7 @@ void Report(char tag, const char* text) {
   char line[256];
   const size_t length = std::min(std::strlen(text), sizeof line - 2);
   line[0] = tag;
-  std::memcpy(line + 1, text, length);
+  std::copy_n(text, length, line + 1);
   line[length + 1] = '\n';
   ssize_t n;
   do {
@@ -248,15 +248,17 @@ int main(int argc, char** argv) {
   Request request;
   if (!ReadRequest(&request)) Refuse(kInvalidRequest);
   Account account;
+  PamTransaction transaction;
   const char* failure = nullptr;
   if (!LookUp(request.user, &account)) {
     failure = kUnknownUser;
   } else if (account.uid == 0 && !settings.allow_root) {
     failure = kRootRefused;
   } else {
-    failure = Authenticate(settings.service, request.user, request.password);
+    failure = Authenticate(settings.service, request.user, request.password,
+                           &transaction);
   }
   request.WipePassword();
   if (failure != nullptr) Refuse(failure);
-  RunCommand(account, argv + 2, request.env);
+  RunCommand(account, argv + 2, request.env, &transaction);
 }

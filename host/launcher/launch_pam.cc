@@ -1,7 +1,5 @@
 // Password and account checks through PAM, with fixed English texts for
 // every failure: PAM's own messages may be translated, or say too much.
-#include <security/pam_appl.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -43,7 +41,7 @@ int Converse(int count, const pam_message** messages, pam_response** out,
   if (replies == nullptr) return PAM_BUF_ERR;
   for (int i = 0; i < count; ++i) {
     const int style = messages[i]->msg_style;
-    if (style == PAM_PROMPT_ECHO_OFF) {
+    if (style == PAM_PROMPT_ECHO_OFF && answers->password != nullptr) {
       replies[i].resp = strdup(answers->password);
       if (replies[i].resp != nullptr) continue;
     } else if (style == PAM_ERROR_MSG || style == PAM_TEXT_INFO) {
@@ -89,9 +87,11 @@ const char* AccountFailure(int result) {
 }  // namespace
 
 const char* Authenticate(const std::string& service, const char* user,
-                         const char* password) {
-  Answers answers{password};
-  const pam_conv conversation{Converse, &answers};
+                         const char* password, PamTransaction* transaction) {
+  // PAM keeps the conversation's address until the transaction ends.
+  static Answers answers;
+  static pam_conv conversation{Converse, &answers};
+  answers.password = password;
   pam_handle_t* handle = nullptr;
   int result = pam_start(service.c_str(), user, &conversation, &handle);
   if (result != PAM_SUCCESS) return kServiceUnavailable;
@@ -107,8 +107,16 @@ const char* Authenticate(const std::string& service, const char* user,
     result = pam_acct_mgmt(handle, kFlags);
     failure = AccountFailure(result);
   }
-  pam_end(handle, result);
+  answers.password = nullptr;
+  *transaction = PamTransaction{handle, result};
+  if (failure != nullptr) EndTransaction(transaction);
   return failure;
+}
+
+void EndTransaction(PamTransaction* transaction) {
+  if (transaction->handle == nullptr) return;
+  pam_end(transaction->handle, transaction->result);
+  transaction->handle = nullptr;
 }
 
 }  // namespace qvelaunch

@@ -36,7 +36,7 @@ inline constexpr char kExecFailedTag = 'X';
 
 // Longest request the launcher accepts: the size of an exec's arguments and
 // environment on Linux, which the command's environment must fit anyway.
-inline constexpr size_t kMaxRequest = 2 * 1024 * 1024;
+inline constexpr size_t kMaxRequest = size_t{2} << 20;
 
 // An unprivileged launcher (one not more privileged than its caller) reads
 // its settings from the file this variable names, for tests and benchmarks.

@@ -232,7 +232,7 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
 }  // namespace
 
 void RunCommand(const Account& account, char** argv,
-                const std::vector<char*>& env) {
+                const std::vector<char*>& env, PamTransaction* transaction) {
   std::vector<std::string> storage;
   std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
   const std::vector<gid_t> groups = GroupsOf(account);
@@ -250,6 +250,7 @@ void RunCommand(const Account& account, char** argv,
   }
   g_command = command;
   setpgid(command, command);
+  EndTransaction(transaction);
   close(kErrorFd);
   ReleaseStandardStreams();
   DropPrivilege(account);

@@ -2,6 +2,7 @@
 #ifndef QVE_HOST_LAUNCHER_LAUNCHER_H_
 #define QVE_HOST_LAUNCHER_LAUNCHER_H_
 
+#include <security/pam_appl.h>
 #include <sys/types.h>
 
 #include <string>
@@ -25,18 +26,29 @@ struct Account {
   gid_t gid = 0;
 };
 
+// A PAM transaction, kept open after a successful check until the command
+// has started, so that its clean-up costs the command no time.
+struct PamTransaction {
+  pam_handle_t* handle = nullptr;
+  int result = PAM_SUCCESS;
+};
+
 // Checks password for user under the PAM service, with PAM's failure delay
-// switched off, and then the account. Null on success, else the fixed text
-// to report. PAM's own messages are never shown.
+// switched off, and then the account. Null on success, with the transaction
+// open in *transaction; else the fixed text to report (the transaction is
+// then over). PAM's own messages are never shown.
 const char* Authenticate(const std::string& service, const char* user,
-                         const char* password);
+                         const char* password, PamTransaction* transaction);
+// Ends an open transaction; PAM wipes its copy of the password.
+void EndTransaction(PamTransaction* transaction);
 
 // Starts a child that becomes account (groups, group, user, for good),
 // changes to its home directory and executes argv with env, completed by the
 // login variables it lacks. The launcher waits for it, passing kills on to its
 // process group, and exits with its status. Never returns.
 [[noreturn]] void RunCommand(const Account& account, char** argv,
-                             const std::vector<char*>& env);
+                             const std::vector<char*>& env,
+                             PamTransaction* transaction);
 
 }  // namespace qvelaunch
 

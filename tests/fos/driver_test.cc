@@ -15,7 +15,7 @@ using Text = std::optional<std::string>;
 using Properties = std::vector<std::pair<std::string, std::string>>;
 
 struct DriverOutcome {
-  int32_t status;
+  int32_t status = 0;
   Text out;
   Text err;
   int32_t kind = 0;  // 0: the slot stayed empty
@@ -42,10 +42,11 @@ class DriverTest : public testing::Test {
     char* out = nullptr;
     char* err = nullptr;
     qveue_Exception* exception = nullptr;
-    DriverOutcome o{qvefos_getLocalMetric(context_, list, separate, &out, &err,
-                                          withSlot ? &exception : nullptr,
-                                          log_),
-                    Take(out), Take(err)};
+    DriverOutcome o;
+    o.status = qvefos_getLocalMetric(context_, list, separate, &out, &err,
+                                     withSlot ? &exception : nullptr, log_);
+    o.out = Take(out);
+    o.err = Take(err);
     if (exception != nullptr) {
       o.kind = qveue_Exception_getKind(exception);
       o.message = qveue_Exception_getErrorMessage(exception);
@@ -173,7 +174,9 @@ TEST_F(DriverTest, AllocationFailuresReleaseEverything) {
     qvehost::ResetFaults();
     qvehost::FailAllocation("qvefos", k, false);
     DriverOutcome o = Evaluate(properties);
-    if (o.status != 0) EXPECT_EQ(o.status, -1) << k;
+    if (o.status != 0) {
+      EXPECT_EQ(o.status, -1) << k;
+    }
     EXPECT_TRUE(qvehost::LiveBlocks().empty())
         << k << "\n" << qvehost::DescribeLiveBlocks();
     if (qvehost::AllocationCount("qvefos") < k) break;
