@@ -16,9 +16,9 @@ std::string CellText(const Json& cell) {
 }
 
 void PrintRows(std::ostream& out, const Json& rows, int indent) {
+  const std::string margin(static_cast<size_t>(indent), ' ');
   for (const Json& row : rows) {
-    out << std::string(static_cast<size_t>(indent), ' ');
-    std::string line;
+    std::string line = margin;
     for (size_t i = 0; i < row.size(); ++i) {
       line += (i > 0 ? " | " : "") + CellText(row[i]);
     }
@@ -26,8 +26,10 @@ void PrintRows(std::ostream& out, const Json& rows, int indent) {
     // second line feed.
     if (line.empty() || line.back() != '\n') line += '\n';
     out << line;
-    for (const Json& cell : row) {
-      if (cell.is_object()) PrintRows(out, cell["rows"], indent + 2);
+    for (size_t i = 0; i < row.size(); ++i) {
+      if (!row[i].is_object()) continue;
+      out << margin << "  [column " << i << "]\n";
+      PrintRows(out, row[i]["rows"], indent + 4);
     }
   }
 }
@@ -52,7 +54,9 @@ void PrintTable(std::ostream& out, const qvedrmr_MetricResult* result) {
   const Json json = qvehost::ResultToJson(result);
   PrintRows(out, json["rows"], 0);
   if (json["warning"].is_string()) {
-    out << "warning: " << json["warning"].get<std::string>() << "\n";
+    std::string warning = json["warning"].get<std::string>();
+    if (!warning.empty() && warning.back() == '\n') warning.pop_back();
+    out << "warning: " << warning << "\n";
   }
 }
 

@@ -1,7 +1,6 @@
 // The in-place line splitter behind the table parser and the UDM fetchlet.
 #include "fosl/qvefosl_lines.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "fos/qvefos_memory.h"
@@ -11,11 +10,18 @@ namespace {
 
 using qvefos::kFoslMemory;
 
-// Line feeds, plus one for a last line that has none.
+// Line feeds, plus one for a last line that has none. memchr outruns a
+// byte-wise count on lines of typical length.
 uint32_t CountLines(const char* text, size_t length) {
-  const auto feeds = std::count(text, text + length, '\n');
-  const bool openLast = text[length - 1] != '\n';
-  return static_cast<uint32_t>(feeds) + (openLast ? 1U : 0U);
+  const char* const end = text + length;
+  uint32_t count = 0;
+  const char* at = text;
+  while (const auto* feed = static_cast<const char*>(
+             std::memchr(at, '\n', static_cast<size_t>(end - at)))) {
+    ++count;
+    at = feed + 1;
+  }
+  return count + (end[-1] != '\n' ? 1U : 0U);
 }
 
 // Stores the start of every line and cuts each line end to NUL.

@@ -116,7 +116,8 @@ class UdmRun {
     if (commandLine_ == nullptr) {
       qve_error(log_, "%s", kNoMemoryLog);
       if (exceptionOut_ != nullptr) {
-        *exceptionOut_ = qveue_Exception_new_init(QVE_EXC_RUN_FAILED, kNoMemory);
+        *exceptionOut_ =
+            qveue_Exception_new_init(QVE_EXC_RUN_FAILED, kNoMemory);
       }
       return false;
     }
@@ -136,7 +137,8 @@ class UdmRun {
       return false;
     }
     if (exceptionOut_ != nullptr) {
-      *exceptionOut_ = qveue_Exception_new_init(QVE_EXC_BAD_REQUEST, kNoCommand);
+      *exceptionOut_ =
+          qveue_Exception_new_init(QVE_EXC_BAD_REQUEST, kNoCommand);
     }
     qve_error(log_, "%s", kNoCommand);
     return false;
@@ -166,8 +168,7 @@ int32_t qvefosud_getUDMetric(qvefet_Context* fetchletContext,
 
 QVEFOS_EXPORT int32_t qvefosud_getFetchlet(qvefet_Context* fetchletContext,
                                            qvefet_Fetchlet** fetchletOut) {
-  return qvefos::GetFetchlet<qvefosud::UdmFamily>(fetchletContext,
-                                                  fetchletOut);
+  return qvefos::GetFetchlet<qvefosud::UdmFamily>(fetchletContext, fetchletOut);
 }
 
 QVEFOS_EXPORT void qvefosud_freeFetchlet(qvefet_Fetchlet* fetchlet) {
@@ -186,8 +187,8 @@ QVEFOS_EXPORT int32_t qvefosud_getMetric(qvefet_Context* fetchletContext,
   char* out = nullptr;
   char* err = nullptr;
   qvedrmr_MetricResult* result = nullptr;
-  int32_t status = qvefosud_getUDMetric(fetchletContext, properties, &out,
-                                        &err, exceptionOut, log);
+  int32_t status = qvefosud_getUDMetric(fetchletContext, properties, &out, &err,
+                                        exceptionOut, log);
   if (status != 0) {
     status = qvefosud_getResultFromFailure(fetchletContext, properties, status,
                                            &result, exceptionOut, log);

@@ -201,8 +201,7 @@ class OutputReading {
 
 }  // namespace
 
-int32_t qvefosud_getResultFromString(qvlnv_NVList* properties,
-                                     char* stdoutText,
+int32_t qvefosud_getResultFromString(qvlnv_NVList* properties, char* stdoutText,
                                      qvedrmr_MetricResult** resultOut,
                                      qveue_Exception** exceptionOut,
                                      qveulm_LogCtx* log) {
@@ -225,10 +224,9 @@ int32_t qvefosud_getResultFromFailure(qvefet_Context* fetchletContext,
   const char* errorValue = qvlnvlgv_getValue(properties, "scriptErrorValue");
   const ValueColumn column = ReadValueColumn(properties);
   qveue_Exception* held = exceptionOut != nullptr ? *exceptionOut : nullptr;
-  char* message =
-      held != nullptr
-          ? kFosudMemory.Copy(qveue_Exception_getErrorMessage(held))
-          : NoOutputMessage(commandId);
+  char* message = held != nullptr
+                      ? kFosudMemory.Copy(qveue_Exception_getErrorMessage(held))
+                      : NoOutputMessage(commandId);
   if (held != nullptr) {
     qveue_Exception_delete(held);
     *exceptionOut = nullptr;
@@ -242,13 +240,10 @@ int32_t qvefosud_getResultFromFailure(qvefet_Context* fetchletContext,
   return status;
 }
 
-int32_t qvefosud_createResultObject(const char* commandId,
-                                    const char* numberValue,
-                                    const char* stringValue,
-                                    const char* message,
-                                    qvedrmr_MetricResult** resultOut,
-                                    qveue_Exception** exceptionOut,
-                                    qveulm_LogCtx* log) {
+int32_t qvefosud_createResultObject(
+    const char* commandId, const char* numberValue, const char* stringValue,
+    const char* message, qvedrmr_MetricResult** resultOut,
+    qveue_Exception** exceptionOut, qveulm_LogCtx* log) {
   qve_devtrc(log, kCreateResultObjectTrace);
   qvedrmr_MetricResult* result = qvedrmr_MetricResult_new();
   qvedrvr_ValueRow* row = result != nullptr ? qvedrvr_ValueRow_new() : nullptr;
@@ -256,8 +251,8 @@ int32_t qvefosud_createResultObject(const char* commandId,
     // A row the host cannot make fails like a refused result.
     if (result != nullptr) qvedrmr_MetricResult_delete(result);
     if (exceptionOut != nullptr) {
-      *exceptionOut = qveue_Exception_new_init(QVE_EXC_NO_RESULT,
-                                               kResultRefused);
+      *exceptionOut =
+          qveue_Exception_new_init(QVE_EXC_NO_RESULT, kResultRefused);
     } else {
       qve_error(log, "%s", kResultRefusedLog);
     }

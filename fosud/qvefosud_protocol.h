@@ -22,8 +22,7 @@
 // Returns 0, or -1 when the message or the result cannot be made (exception
 // kind 12 or 10 in *exceptionOut when it is given). *resultOut receives the
 // result, which the caller owns, or is left as it was.
-int32_t qvefosud_getResultFromString(qvlnv_NVList* properties,
-                                     char* stdoutText,
+int32_t qvefosud_getResultFromString(qvlnv_NVList* properties, char* stdoutText,
                                      qvedrmr_MetricResult** resultOut,
                                      qveue_Exception** exceptionOut,
                                      qveulm_LogCtx* log);
@@ -47,12 +46,9 @@ int32_t qvefosud_getResultFromFailure(qvefet_Context* fetchletContext,
 // stringValue, message (any may be null; the host copies them) and returns
 // 0. When the host refuses the result: -1, *resultOut unchanged, and kind 10
 // in *exceptionOut when it is given, else an error line in log.
-int32_t qvefosud_createResultObject(const char* commandId,
-                                    const char* numberValue,
-                                    const char* stringValue,
-                                    const char* message,
-                                    qvedrmr_MetricResult** resultOut,
-                                    qveue_Exception** exceptionOut,
-                                    qveulm_LogCtx* log);
+int32_t qvefosud_createResultObject(
+    const char* commandId, const char* numberValue, const char* stringValue,
+    const char* message, qvedrmr_MetricResult** resultOut,
+    qveue_Exception** exceptionOut, qveulm_LogCtx* log);
 
 #endif  // QVE_FOSUD_QVEFOSUD_PROTOCOL_H_

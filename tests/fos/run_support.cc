@@ -33,19 +33,6 @@ std::optional<std::string> TakeText(char* text) {
   return copy;
 }
 
-}  // namespace
-
-char** NewArgv(const std::vector<std::string>& args) {
-  auto** argv = static_cast<char**>(
-      qve_alloc0((args.size() + 1) * sizeof(char*), "tests", __LINE__));
-  for (size_t i = 0; i < args.size(); ++i) {
-    argv[i] = qve_allocpy0(args[i].c_str(), "tests", __LINE__);
-  }
-  return argv;
-}
-
-namespace {
-
 // The runner's slots, freed or copied into the outcome whatever happens.
 struct RunSlots {
   char* out = nullptr;
@@ -67,6 +54,15 @@ struct RunSlots {
 };
 
 }  // namespace
+
+char** NewArgv(const std::vector<std::string>& args) {
+  auto** argv = static_cast<char**>(
+      qve_alloc0((args.size() + 1) * sizeof(char*), "tests", __LINE__));
+  for (size_t i = 0; i < args.size(); ++i) {
+    argv[i] = qve_allocpy0(args[i].c_str(), "tests", __LINE__);
+  }
+  return argv;
+}
 
 RunOutcome RunPlain(qvefet_Context* context,
                     const std::vector<std::string>& args,

@@ -6,7 +6,7 @@
 #include "fosud/qvefosud_protocol.h"
 #include "fosud/udm_support.h"
 
-namespace qvetest {
+namespace qvetest::udm {
 namespace {
 
 constexpr int32_t kCurrent = QVE_SERVER_VERSION_CURRENT;
@@ -110,4 +110,4 @@ TEST(FailureRuleRefusedResultTest, OldServerReportsTheRefusalInstead) {
 }
 
 }  // namespace
-}  // namespace qvetest
+}  // namespace qvetest::udm

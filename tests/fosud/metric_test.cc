@@ -10,7 +10,7 @@
 #include "fosud/qvefosud_metric.h"
 #include "fosud/udm_support.h"
 
-namespace qvetest {
+namespace qvetest::udm {
 namespace {
 
 using qvehost::LogLevel;
@@ -157,4 +157,4 @@ TEST_F(UdmMetricTest, HandleUnderTheUdmLog) {
 }
 
 }  // namespace
-}  // namespace qvetest
+}  // namespace qvetest::udm

@@ -8,7 +8,7 @@
 #include "fosud/qvefosud_protocol.h"
 #include "fosud/udm_support.h"
 
-namespace qvetest {
+namespace qvetest::udm {
 namespace {
 
 using qvehost::LogLevel;
@@ -261,4 +261,4 @@ TEST_F(ProtocolTest, AllocationSweepEndsInARowOrADocumentedFailure) {
 }
 
 }  // namespace
-}  // namespace qvetest
+}  // namespace qvetest::udm

@@ -15,7 +15,7 @@
 #include "fosud/qvefosud_metric.h"
 #include "fosud/udm_support.h"
 
-namespace qvetest {
+namespace qvetest::udm {
 namespace {
 
 constexpr char kUser[] = "{user}";
@@ -155,4 +155,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<RunCase>& p) { return p.param.name; });
 
 }  // namespace
-}  // namespace qvetest
+}  // namespace qvetest::udm

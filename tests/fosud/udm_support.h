@@ -10,7 +10,7 @@
 
 #include "qve/embedded.h"
 
-namespace qvetest {
+namespace qvetest::udm {
 
 using Json = nlohmann::json;
 using Properties = std::vector<std::pair<std::string, std::string>>;
@@ -83,6 +83,6 @@ inline Json Failed(int32_t status, int32_t kind, const std::string& message) {
           {"message", message}};
 }
 
-}  // namespace qvetest
+}  // namespace qvetest::udm
 
 #endif  // QVE_TESTS_FOSUD_UDM_SUPPORT_H_

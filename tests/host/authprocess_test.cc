@@ -160,9 +160,10 @@ TEST_F(AuthProcessTest, CommandRunsAsTheUserInItsHome) {
   const std::string dir = "/tmp/qvel-files-" + std::to_string(getpid());
   std::filesystem::create_directory(dir);
   chmod(dir.c_str(), 01777);
+  // exec: the shell blocks signals for a moment whenever it forks.
   const Finished f = RunToEnd(
       {"sh", "-c", "id -un; pwd; touch " + dir + "/made; ls /proc/$$/fd; "
-                   "grep -E '^Sig(Blk|Ign)' /proc/$$/status"},
+                   "exec grep -E '^Sig(Blk|Ign)' /proc/$$/status"},
       account_->name, account_->password);
   EXPECT_EQ(f.out, account_->name + "\n" + account_->home +
                        "\n0\n1\n2\nSigBlk:\t0000000000000000\n"

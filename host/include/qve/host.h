@@ -107,7 +107,7 @@ typedef struct qvefet_Context {
  * of records laid one after another; the plug-in reads only streamKind. */
 typedef struct sqvejcx_Channel {
   void *hostProcess;   /* host's own: the process the stream belongs to */
-  int32_t hostFd;      /* host's own: the descriptor that is ready */
+  int32_t hostFd;      /* host's own: the ready descriptor, -1 when ended */
   uint32_t streamKind; /* QVE_STREAM_STDOUT or QVE_STREAM_STDERR */
 } sqvejcx_Channel;
 
@@ -375,9 +375,11 @@ qvejcap_Process *qvejcap_Process_new(qvefet_Context *fetchletContext,
                                      int32_t envc, int32_t separateErrorStream,
                                      const char *username,
                                      const char *password, void *reserved);
-/* Starts with pipes for all three streams; returns 0 once the command has
- * been executed under the user, non-zero when it could not be (no codes for
- * the cause). */
+/* Starts with pipes for all three streams. 0 once the launcher has executed
+ * the command under the user, or has refused the user (wrong password,
+ * unknown user, expired account, ...): its one-line reason then waits in
+ * qvejcap_Process_qvo_stderr_read and the process exits non-zero. Non-zero
+ * when the command could not be executed; there are no codes for the cause. */
 int32_t qvejcap_Process_run(qvejcap_Process *process);
 /* Leaves in buffer the launcher's own error text, NUL-terminated, possibly
  * empty (buffer holds at least 8208 bytes). The two zero arguments are
