@@ -1,7 +1,8 @@
 # A Debian package of everything `cmake --install` puts in place: the
 # plug-in, the host library and its headers, the fetchlet program and its
 # manual page, and the set-user-ID launcher with its PAM service and
-# settings. Tests and benchmarks have no install rules, so they stay out.
+# settings. Tests, benchmarks and fuzz targets have no install rules, so
+# they stay out.
 #
 #   cmake --build <build> --target package    (or scripts/package)
 #
@@ -33,7 +34,6 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # includes common-auth and common-account, which libpam-runtime provides.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libpam-runtime")
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 # Maintainer scripts and control files, generated into the build tree.
 set(qve_deb_dir "${PROJECT_BINARY_DIR}/debian-control")
@@ -70,6 +70,10 @@ file(WRITE "${qve_deb_dir}/triggers" "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     "${qve_deb_dir}/postinst;${qve_deb_dir}/conffiles;${qve_deb_dir}/triggers")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_PRE_BUILD_SCRIPTS
+    "${CMAKE_CURRENT_LIST_DIR}/CompressManPages.cmake")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "nlohmann-json3-dev")
 
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build/")

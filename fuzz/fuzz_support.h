@@ -71,6 +71,7 @@ class Session {
 
   qvefet_Context* context() const { return context_; }
   qveulm_LogCtx* Log(const char* name) const;
+  const qvehost::LogCapture& capture() const { return capture_; }
 
  private:
   qvefet_Context* context_;

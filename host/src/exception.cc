@@ -15,8 +15,7 @@ struct qveue_Exception {
 extern "C" {
 
 qveue_Exception* qveue_Exception_new_init(int32_t kind, const char* message) {
-  return qvehost::internal::NewObject<qveue_Exception>(__LINE__, kind,
-                                                       message);
+  return qvehost::internal::NewObject<qveue_Exception>(kind, message);
 }
 
 const char* qveue_Exception_getErrorMessage(qveue_Exception* exception) {

@@ -85,7 +85,7 @@ qvefet_Fetchlet* qvefet_newFetchlet(qvefet_GetMetricFn getMetric,
                                     qvefet_FreeFetchletFn freeFetchlet) {
   if (qvehost::internal::NewFetchletRefused()) return nullptr;
   return qvehost::internal::NewObject<qvefet_Fetchlet>(
-      __LINE__, qvefet_Fetchlet{getMetric, fetchletContext, freeFetchlet});
+      qvefet_Fetchlet{getMetric, fetchletContext, freeFetchlet});
 }
 
 qvefet_Context* qvefet_getFetchletContext(qvefet_Fetchlet* fetchlet) {

@@ -2,11 +2,14 @@
 #ifndef QVE_HOST_SRC_HOST_INTERNAL_H_
 #define QVE_HOST_SRC_HOST_INTERNAL_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <new>
 #include <string>
+#include <string_view>
+#include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include "qve/host.h"
 
@@ -42,33 +45,70 @@ struct Context {
 // The one log source of the host; every context points at it.
 qveulm_LogSource* HostLogSource();
 
-// Ledger blocks charged to "host" that the allocation switch neither counts
-// nor fails: the shells of host objects, so that a test leaking a result, a
-// row or an exception fails the after-test ledger check. Null when no memory.
-void* ObjectAlloc(size_t size, int line);
-void ObjectFree(void* block);
+// Live host objects of one type (results, rows, exceptions, ...). Objects
+// carry no ledger block, which would cost more than a small row itself; the
+// leak check reads these counters instead and names the types still alive.
+class ObjectCount {
+ public:
+  // Registers the counter for the leak report; counters are never destroyed.
+  explicit ObjectCount(const char* mangled_type_name);
+  ObjectCount(const ObjectCount&) = delete;
+  ObjectCount& operator=(const ObjectCount&) = delete;
 
-// Constructs a T in a ledger block; null when memory or the constructor
-// fails. Released with DeleteObject.
+  void Add() { live_.fetch_add(1, std::memory_order_relaxed); }
+  void Remove() { live_.fetch_sub(1, std::memory_order_relaxed); }
+  int64_t live() const { return live_.load(std::memory_order_relaxed); }
+  const std::string& type_name() const { return type_name_; }
+  const ObjectCount* next() const { return next_; }
+
+ private:
+  std::atomic<int64_t> live_{0};
+  std::string type_name_;
+  const ObjectCount* next_ = nullptr;
+};
+
+// The counter of T, made on first use.
+template <typename T>
+ObjectCount& CountOf() {
+  static ObjectCount* count = new ObjectCount(typeid(T).name());
+  return *count;
+}
+
+// Constructs a counted T; null when memory or the constructor fails.
+// Released with DeleteObject.
 template <typename T, typename... Args>
-T* NewObject(int line, Args&&... args) {
-  static_assert(alignof(T) <= 16, "ledger blocks are 16-byte aligned");
-  void* block = ObjectAlloc(sizeof(T), line);
-  if (block == nullptr) return nullptr;
+T* NewObject(Args&&... args) {
+  T* object = nullptr;
   try {
-    return new (block) T(std::forward<Args>(args)...);
+    object = new T(std::forward<Args>(args)...);
   } catch (...) {
-    ObjectFree(block);
     return nullptr;
   }
+  CountOf<T>().Add();
+  return object;
 }
 
 template <typename T>
 void DeleteObject(T* object) {
   if (object == nullptr) return;
-  object->~T();
-  ObjectFree(object);
+  delete object;
+  CountOf<T>().Remove();
 }
+
+// Row storage (value_row.cc) as results and metric values see it.
+struct RowCell {
+  enum class Kind { kUnset, kNull, kString, kValue };
+  Kind kind = Kind::kUnset;
+  std::string_view text;
+  qvedrmv_MetricValue* value = nullptr;
+};
+// The row's columns from 0 to the highest set. Throws std::bad_alloc.
+std::vector<RowCell> RowCells(const qvedrvr_ValueRow& row);
+// Gives back the room a row no longer needs once it has an owner.
+void CompactRow(qvedrvr_ValueRow* row);
+void DeleteRow(qvedrvr_ValueRow* row);
+// A row releases the metric values it holds through this.
+void DeleteMetricValue(qvedrmv_MetricValue* value);
 
 }  // namespace qvehost::internal
 

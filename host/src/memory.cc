@@ -1,7 +1,11 @@
 // The counting allocator. Every block carries a small header in front that
 // links it into the ledger of live blocks, so allocation and release cost a
 // calloc/free plus a few pointer moves under one mutex: it sits on the path of
-// every cell of every table the plug-in builds.
+// every cell of every table the plug-in builds. Host objects are counted per
+// type instead (ObjectCount) and reported beside the blocks.
+#include <cxxabi.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +42,9 @@ static_assert(sizeof(Header) % 16 == 0);
 
 constexpr size_t kMaxRequest = SIZE_MAX - sizeof(Header);
 
+// The counters of host objects, newest first; they are never unlinked.
+std::atomic<const qvehost::internal::ObjectCount*> g_object_counts{nullptr};
+
 struct AllocationSwitch {
   bool armed = false;
   Module* module = nullptr;  // null: every module's allocations count
@@ -45,11 +52,38 @@ struct AllocationSwitch {
   bool persistent = false;
 };
 
+// Modules by the address of the name the caller passed, so that the usual
+// call with a literal costs no search; the name is still compared, as the
+// same address may hold another name later.
+class ModuleCache {
+ public:
+  Module* Find(const char* name) const {
+    const Slot& slot = slots_[IndexOf(name)];
+    if (slot.name != name || slot.module == nullptr) return nullptr;
+    return std::strcmp(slot.module->name.c_str(), name) == 0 ? slot.module
+                                                             : nullptr;
+  }
+  void Put(const char* name, Module* module) {
+    slots_[IndexOf(name)] = Slot{name, module};
+  }
+
+ private:
+  struct Slot {
+    const char* name = nullptr;
+    Module* module = nullptr;
+  };
+  static constexpr size_t kSlots = 8;
+  static size_t IndexOf(const char* name) {
+    return (reinterpret_cast<uintptr_t>(name) >> 3) % kSlots;
+  }
+  Slot slots_[kSlots];
+};
+
 struct Ledger {
   std::mutex mutex;
   Header head{&head, &head, nullptr, 0, 0, 0};  // sentinel of a ring
   std::vector<std::unique_ptr<Module>> modules;
-  Module* last_hit = nullptr;
+  ModuleCache cache;
   uint64_t total = 0;
   AllocationSwitch fault;
 
@@ -61,19 +95,26 @@ struct Ledger {
   }
 
   Module* Find(std::string_view name) {
-    if (last_hit != nullptr && last_hit->name == name) return last_hit;
     for (auto& module : modules) {
-      if (module->name == name) return last_hit = module.get();
+      if (module->name == name) return module.get();
     }
     return nullptr;
   }
 
   // Throws std::bad_alloc when a new name cannot be stored.
+  Module* FindOrAdd(std::string_view name) {
+    if (Module* found = Find(name)) return found;
+    modules.push_back(std::make_unique<Module>(Module{std::string(name), 0}));
+    return modules.back().get();
+  }
+
+  // Throws std::bad_alloc when a new name cannot be stored.
   Module* Intern(const char* name) {
-    std::string_view key = name != nullptr ? name : "";
-    if (Module* found = Find(key)) return found;
-    modules.push_back(std::make_unique<Module>(Module{std::string(key), 0}));
-    return last_hit = modules.back().get();
+    if (name == nullptr) name = "";
+    if (Module* cached = cache.Find(name)) return cached;
+    Module* module = FindOrAdd(name);
+    cache.Put(name, module);
+    return module;
   }
 
   // Counts one allocation of name; null when the switch fails it.
@@ -113,15 +154,15 @@ Header* HeaderOf(void* block) {
   return header;
 }
 
-// Makes a linked block; counted blocks go through the allocation switch.
-void* Allocate(size_t size, const char* module, int line, bool counted) {
+// Makes a linked block, counted and subject to the allocation switch.
+void* Allocate(size_t size, const char* module, int line) {
   if (size > kMaxRequest) return nullptr;
   auto* header = static_cast<Header*>(std::calloc(1, sizeof(Header) + size));
   if (header == nullptr) return nullptr;
   Ledger& ledger = Ledger::Get();
   try {
     std::lock_guard lock(ledger.mutex);
-    Module* owner = counted ? ledger.Admit(module) : ledger.Intern(module);
+    Module* owner = ledger.Admit(module);
     if (owner != nullptr) {
       *header = Header{nullptr, nullptr, owner, size, line, kLiveMagic};
       ledger.Link(header);
@@ -185,19 +226,19 @@ void* Resize(void* block, size_t size, const char* module, int line) {
 extern "C" {
 
 void* qve_alloc0(size_t size, const char* module, int line) {
-  return Allocate(size, module, line, true);
+  return Allocate(size, module, line);
 }
 
 char* qve_allocpy0(const char* text, const char* module, int line) {
   if (text == nullptr) return nullptr;
   size_t length = std::strlen(text);
-  auto* copy = static_cast<char*>(Allocate(length + 1, module, line, true));
+  auto* copy = static_cast<char*>(Allocate(length + 1, module, line));
   if (copy != nullptr) std::memcpy(copy, text, length + 1);
   return copy;
 }
 
 void* qve_realloc0(void* block, size_t size, const char* module, int line) {
-  if (block == nullptr) return Allocate(size, module, line, true);
+  if (block == nullptr) return Allocate(size, module, line);
   return Resize(block, size, module, line);
 }
 
@@ -213,11 +254,18 @@ namespace qvehost {
 
 namespace internal {
 
-void* ObjectAlloc(size_t size, int line) {
-  return Allocate(size, kHostModule, line, false);
+ObjectCount::ObjectCount(const char* mangled_type_name) {
+  int status = 0;
+  std::unique_ptr<char, decltype(&std::free)> readable(
+      abi::__cxa_demangle(mangled_type_name, nullptr, nullptr, &status),
+      &std::free);
+  type_name_ = readable != nullptr ? readable.get() : mangled_type_name;
+  next_ = g_object_counts.load(std::memory_order_relaxed);
+  while (!g_object_counts.compare_exchange_weak(next_, this,
+                                                std::memory_order_release,
+                                                std::memory_order_relaxed)) {
+  }
 }
-
-void ObjectFree(void* block) { Release(block); }
 
 void ResetAllocationFaults() {
   Ledger& ledger = Ledger::Get();
@@ -235,10 +283,7 @@ void FailAllocation(std::string_view module, uint64_t nth, bool persistent) {
   ledger.fault = AllocationSwitch{};
   if (nth == 0) return;  // nothing to fail: the switch stays off
   Module* target = nullptr;
-  if (!module.empty()) {
-    target = ledger.Find(module);
-    if (target == nullptr) target = ledger.Intern(std::string(module).c_str());
-  }
+  if (!module.empty()) target = ledger.FindOrAdd(module);
   uint64_t base = target != nullptr ? target->count : ledger.total;
   ledger.fault = AllocationSwitch{true, target, base + nth, persistent};
 }
@@ -251,23 +296,56 @@ uint64_t AllocationCount(std::string_view module) {
   return found != nullptr ? found->count : 0;
 }
 
+namespace {
+
+// Calls visit(count) for each type with live objects, when module takes in
+// the host's own.
+template <typename Visit>
+void ForEachLiveType(std::string_view module, Visit visit) {
+  if (!module.empty() && module != internal::kHostModule) return;
+  for (const internal::ObjectCount* count =
+           g_object_counts.load(std::memory_order_acquire);
+       count != nullptr; count = count->next()) {
+    if (count->live() > 0) visit(*count);
+  }
+}
+
+}  // namespace
+
+// A live object shows as one block of the host with neither line nor size.
 std::vector<LiveBlock> LiveBlocks(std::string_view module) {
   std::vector<LiveBlock> blocks;
-  Ledger& ledger = Ledger::Get();
-  std::lock_guard lock(ledger.mutex);
-  for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
-    if (!module.empty() && h->module->name != module) continue;
-    blocks.push_back(LiveBlock{h->module->name, h->line, h->size});
+  {
+    Ledger& ledger = Ledger::Get();
+    std::lock_guard lock(ledger.mutex);
+    for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
+      if (!module.empty() && h->module->name != module) continue;
+      blocks.push_back(LiveBlock{h->module->name, h->line, h->size});
+    }
   }
+  ForEachLiveType(module, [&](const internal::ObjectCount& count) {
+    blocks.insert(blocks.end(), static_cast<size_t>(count.live()),
+                  LiveBlock{internal::kHostModule, 0, 0});
+  });
   return blocks;
 }
 
 std::string DescribeLiveBlocks(std::string_view module) {
   std::string text;
-  for (const LiveBlock& block : LiveBlocks(module)) {
-    text += block.module + ":" + std::to_string(block.line) + " (" +
-            std::to_string(block.size) + " bytes)\n";
+  Ledger& ledger = Ledger::Get();
+  {
+    std::lock_guard lock(ledger.mutex);
+    for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
+      if (!module.empty() && h->module->name != module) continue;
+      text += h->module->name + ":" + std::to_string(h->line) + " (" +
+              std::to_string(h->size) + " bytes)\n";
+    }
   }
+  ForEachLiveType(module, [&](const internal::ObjectCount& count) {
+    text += std::string(internal::kHostModule) + ": " +
+            std::to_string(count.live()) + " " + count.type_name() +
+            " not released\n";
+  });
   return text;
 }
 

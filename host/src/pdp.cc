@@ -35,7 +35,7 @@ extern "C" {
 
 qvedcpdpr_PDPRuntime* qvedcpdpr_getPDPRuntimeFromNVPairs(
     qvefet_Context* /*fetchletContext*/, qvlnv_NVList* properties) {
-  auto* runtime = qvehost::internal::NewObject<qvedcpdpr_PDPRuntime>(__LINE__);
+  auto* runtime = qvehost::internal::NewObject<qvedcpdpr_PDPRuntime>();
   if (runtime == nullptr) return nullptr;
   try {
     Record(*runtime, properties);

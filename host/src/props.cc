@@ -41,7 +41,7 @@ char* qvlnvlgv_getValue(qvlnv_NVList* properties, const char* name) {
 
 // A null list gives an iterator that ends at once.
 qvlsl_Iterator* qvlslci_createIterator(qvlnv_NVList* properties) {
-  return qvehost::internal::NewObject<qvlsl_Iterator>(__LINE__, properties);
+  return qvehost::internal::NewObject<qvlsl_Iterator>(properties);
 }
 
 const char* qvlnvinn_iteratorNextName(qvlsl_Iterator* iterator) {

@@ -25,7 +25,7 @@ void Append(qveusb_StringBuffer* buffer, const char* text, size_t length) {
 extern "C" {
 
 qveusb_StringBuffer* qveusb_StringBuffer_new(void) {
-  return qvehost::internal::NewObject<qveusb_StringBuffer>(__LINE__);
+  return qvehost::internal::NewObject<qveusb_StringBuffer>();
 }
 
 void qveusb_StringBuffer_appendStr(qveusb_StringBuffer* buffer,

@@ -11,7 +11,7 @@ struct qveuv_Vector {
 extern "C" {
 
 qveuv_Vector* qveuv_Vector_new(void) {
-  return qvehost::internal::NewObject<qveuv_Vector>(__LINE__);
+  return qvehost::internal::NewObject<qveuv_Vector>();
 }
 
 void qveuv_Vector_addElement(qveuv_Vector* vector, void* element) {
