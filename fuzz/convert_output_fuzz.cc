@@ -29,8 +29,8 @@ namespace {
 using qvefuzz::Check;
 
 constexpr const char* kSets[] = {
-    "UTF-8",  "ISO-8859-1", "US-ASCII",     "Shift_JIS", "EUC-JP",
-    "KOI8-R", "windows-1252", "GB18030",    "UTF-16",    "no-such-set",
+    "UTF-8",  "ISO-8859-1",   "US-ASCII", "Shift_JIS", "EUC-JP",
+    "KOI8-R", "windows-1252", "GB18030",  "UTF-16",    "no-such-set",
 };
 constexpr size_t kSetCount = sizeof kSets / sizeof kSets[0];
 constexpr int32_t kUtf8 = QVE_CSID_UTF8;
@@ -134,7 +134,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Slot err(input.FieldIf((flags & 8) != 0));
   const std::string message = input.Field();
   qveue_Exception* exception =
-      (flags & 16) != 0 ? qveue_Exception_new_init(12, message.c_str()) : nullptr;
+      (flags & 16) != 0 ? qveue_Exception_new_init(12, message.c_str())
+                        : nullptr;
 
   const int32_t osId = qveulx_get_OS_LangID(nullptr);
   const int32_t named_id = from_name.has_value() ? Lookup(*from_name) : 0;

@@ -73,14 +73,16 @@ std::vector<std::string> ExpectedEntries(const qvefuzz::Pairs& properties) {
     }
   }
   for (const Pair& pair : BlockPairs(block)) {
-    if (!Holds(entries, pair.name)) entries.push_back(pair.name + "=" + pair.value);
+    if (!Holds(entries, pair.name))
+      entries.push_back(pair.name + "=" + pair.value);
   }
   return entries;
 }
 
 std::vector<std::string> Collect(char** envp) {
   std::vector<std::string> entries;
-  for (char** slot = envp; *slot != nullptr; ++slot) entries.emplace_back(*slot);
+  for (char** slot = envp; *slot != nullptr; ++slot)
+    entries.emplace_back(*slot);
   return entries;
 }
 
@@ -97,8 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   properties.SetPairs(input);
   if ((flags & 2) != 0) properties.Set(std::string(kEnvArray), block);
 
-  const std::vector<std::string> expected =
-      ExpectedEntries(properties.pairs());
+  const std::vector<std::string> expected = ExpectedEntries(properties.pairs());
   const bool fault = qvefuzz::ArmAllocationFault(fault_code, "qvefos", "");
   char** envp = qvefos_buildEnvironment(properties.list());
   qvehost::ResetFaults();

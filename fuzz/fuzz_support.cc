@@ -26,13 +26,17 @@ std::optional<std::string> Input::FieldIf(bool present) {
 }
 
 void Fail(std::string_view what, std::string_view detail) {
-  std::fprintf(stderr, "fuzz check failed: %.*s\n", static_cast<int>(what.size()),
-               what.data());
+  std::fprintf(stderr, "fuzz check failed: %.*s\n",
+               static_cast<int>(what.size()), what.data());
   if (!detail.empty()) {
     std::fprintf(stderr, "%.*s\n", static_cast<int>(detail.size()),
                  detail.data());
   }
   std::abort();
+}
+
+std::string Dump(const nlohmann::json& json) {
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 void CheckLedgerEmpty() {

@@ -53,6 +53,9 @@ inline void Check(bool holds, std::string_view what,
   if (!holds) Fail(what, detail);
 }
 
+// JSON for a failure message; invalid UTF-8 shows as replacement characters.
+std::string Dump(const nlohmann::json& json);
+
 // Aborts unless no host block is live, naming the leaked sites.
 void CheckLedgerEmpty();
 

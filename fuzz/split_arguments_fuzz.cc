@@ -88,7 +88,8 @@ void CheckSplit(const char* line, bool slot, bool fault) {
   } else if (OddQuotes(text)) {
     Check(argv == nullptr, "unmatched quotes accepted", text);
     const std::string message = "Argument '" + text + "' has mismatch quotes";
-    if (slot) CheckException(exception, 11, message.substr(0, kMessageSize - 1));
+    if (slot)
+      CheckException(exception, 11, message.substr(0, kMessageSize - 1));
   } else if (argv == nullptr) {
     Check(fault, "matched quotes refused", text);
     if (slot) CheckException(exception, 12, "Unable to allocate memory");
@@ -131,8 +132,8 @@ std::optional<std::string> CheckCommandLine(const Request& request, bool slot,
   properties.SetIf("args", request.args);
   char* line = nullptr;
   qveue_Exception* exception = nullptr;
-  const int32_t status = qvefos::BuildCommandLine(
-      properties.list(), log, &line, slot ? &exception : nullptr);
+  const int32_t status = qvefos::BuildCommandLine(properties.list(), log, &line,
+                                                  slot ? &exception : nullptr);
   std::optional<std::string> built = qvefuzz::Text(line);
   if (line != nullptr) qve_free0(line, "fuzz", __LINE__);
   const bool refused = !request.command.has_value() || request.command->empty();

@@ -44,10 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qvefuzz::Properties properties;
   properties.SetPairs(input);
 
-  const std::optional<std::string> expected =
-      ExpectedText(properties.pairs());
-  qveusb_StringBuffer* buffer = qvefos_getStdinParameters(
-      properties.list(), session.Log("fetchlets.os"));
+  const std::optional<std::string> expected = ExpectedText(properties.pairs());
+  qveusb_StringBuffer* buffer =
+      qvefos_getStdinParameters(properties.list(), session.Log("fetchlets.os"));
   if (buffer == nullptr) {
     Check(!expected.has_value(), "no standard-input text");
     return 0;

@@ -67,6 +67,9 @@ class ObjectCount {
   const ObjectCount* next_ = nullptr;
 };
 
+// The counters with live objects, by type name.
+std::vector<const ObjectCount*> LiveObjectCounts();
+
 // The counter of T, made on first use.
 template <typename T>
 ObjectCount& CountOf() {
@@ -78,14 +81,14 @@ ObjectCount& CountOf() {
 // Released with DeleteObject.
 template <typename T, typename... Args>
 T* NewObject(Args&&... args) {
-  T* object = nullptr;
   try {
-    object = new T(std::forward<Args>(args)...);
+    ObjectCount& count = CountOf<T>();
+    T* object = new T(std::forward<Args>(args)...);
+    count.Add();
+    return object;
   } catch (...) {
     return nullptr;
   }
-  CountOf<T>().Add();
-  return object;
 }
 
 template <typename T>

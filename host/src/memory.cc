@@ -1,10 +1,9 @@
 // The counting allocator. Every block carries a small header in front that
 // links it into the ledger of live blocks, so allocation and release cost a
-// calloc/free plus a few pointer moves under one mutex: it sits on the path of
-// every cell of every table the plug-in builds. Host objects are counted per
-// type instead (ObjectCount) and reported beside the blocks.
-#include <cxxabi.h>
-
+// malloc/free plus a few pointer moves under one spin lock: it sits on the
+// path of every cell of every table the plug-in builds. Host objects carry no
+// header; they are counted per type (ObjectCount) and reported beside the
+// blocks.
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -13,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_internal.h"
@@ -42,9 +42,6 @@ static_assert(sizeof(Header) % 16 == 0);
 
 constexpr size_t kMaxRequest = SIZE_MAX - sizeof(Header);
 
-// The counters of host objects, newest first; they are never unlinked.
-std::atomic<const qvehost::internal::ObjectCount*> g_object_counts{nullptr};
-
 struct AllocationSwitch {
   bool armed = false;
   Module* module = nullptr;  // null: every module's allocations count
@@ -60,8 +57,7 @@ class ModuleCache {
   Module* Find(const char* name) const {
     const Slot& slot = slots_[IndexOf(name)];
     if (slot.name != name || slot.module == nullptr) return nullptr;
-    return std::strcmp(slot.module->name.c_str(), name) == 0 ? slot.module
-                                                             : nullptr;
+    return SameName(slot.module->name, name) ? slot.module : nullptr;
   }
   void Put(const char* name, Module* module) {
     slots_[IndexOf(name)] = Slot{name, module};
@@ -73,14 +69,44 @@ class ModuleCache {
     Module* module = nullptr;
   };
   static constexpr size_t kSlots = 8;
+  // Reads name no further than its first difference from known.
+  static bool SameName(const std::string& known, const char* name) {
+    for (char c : known) {
+      if (*name++ != c) return false;
+    }
+    return *name == '\0';
+  }
   static size_t IndexOf(const char* name) {
     return (reinterpret_cast<uintptr_t>(name) >> 3) % kSlots;
   }
   Slot slots_[kSlots];
 };
 
+// Guards sections of a few pointer moves: one atomic exchange to take, a
+// plain store to give back. A holder that lost its processor is waited for
+// with yields rather than spins.
+class SpinLock {
+ public:
+  void lock() {
+    while (locked_.exchange(true, std::memory_order_acquire)) {
+      for (int spins = 0; locked_.load(std::memory_order_relaxed);) {
+        if (spins < kSpins) {
+          ++spins;
+        } else {
+          std::this_thread::yield();
+        }
+      }
+    }
+  }
+  void unlock() { locked_.store(false, std::memory_order_release); }
+
+ private:
+  static constexpr int kSpins = 100;
+  std::atomic<bool> locked_{false};
+};
+
 struct Ledger {
-  std::mutex mutex;
+  SpinLock lock;
   Header head{&head, &head, nullptr, 0, 0, 0};  // sentinel of a ring
   std::vector<std::unique_ptr<Module>> modules;
   ModuleCache cache;
@@ -154,14 +180,27 @@ Header* HeaderOf(void* block) {
   return header;
 }
 
+// Zero-filled room for a header and size bytes. Small blocks come from
+// malloc, whose per-thread cache calloc passes by; large ones from calloc,
+// which need not touch fresh pages to zero them.
+Header* ZeroedBlock(size_t size) {
+  constexpr size_t kSmall = 1024;
+  if (size > kSmall) {
+    return static_cast<Header*>(std::calloc(1, sizeof(Header) + size));
+  }
+  auto* header = static_cast<Header*>(std::malloc(sizeof(Header) + size));
+  if (header != nullptr) std::memset(header + 1, 0, size);
+  return header;
+}
+
 // Makes a linked block, counted and subject to the allocation switch.
 void* Allocate(size_t size, const char* module, int line) {
   if (size > kMaxRequest) return nullptr;
-  auto* header = static_cast<Header*>(std::calloc(1, sizeof(Header) + size));
+  Header* header = ZeroedBlock(size);
   if (header == nullptr) return nullptr;
   Ledger& ledger = Ledger::Get();
   try {
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     Module* owner = ledger.Admit(module);
     if (owner != nullptr) {
       *header = Header{nullptr, nullptr, owner, size, line, kLiveMagic};
@@ -179,7 +218,7 @@ void Release(void* block) {
   Header* header = HeaderOf(block);
   Ledger& ledger = Ledger::Get();
   {
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     Ledger::Unlink(header);
   }
   header->magic = kFreedMagic;
@@ -194,7 +233,7 @@ void* Resize(void* block, size_t size, const char* module, int line) {
   Ledger& ledger = Ledger::Get();
   Module* owner = nullptr;
   try {
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     owner = ledger.Admit(module);
     if (owner == nullptr) return nullptr;
     Ledger::Unlink(header);
@@ -215,7 +254,7 @@ void* Resize(void* block, size_t size, const char* module, int line) {
     moved->line = line;
   }
   {
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     ledger.Link(live);
   }
   return moved != nullptr ? moved + 1 : nullptr;
@@ -252,24 +291,22 @@ void qve_freecb(void* block) { Release(block); }
 
 namespace qvehost {
 
-namespace internal {
+namespace {
 
-ObjectCount::ObjectCount(const char* mangled_type_name) {
-  int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> readable(
-      abi::__cxa_demangle(mangled_type_name, nullptr, nullptr, &status),
-      &std::free);
-  type_name_ = readable != nullptr ? readable.get() : mangled_type_name;
-  next_ = g_object_counts.load(std::memory_order_relaxed);
-  while (!g_object_counts.compare_exchange_weak(next_, this,
-                                                std::memory_order_release,
-                                                std::memory_order_relaxed)) {
-  }
+// The counters with live objects, when module takes in the host's own.
+std::vector<const internal::ObjectCount*> LiveObjectCounts(
+    std::string_view module) {
+  if (!module.empty() && module != internal::kHostModule) return {};
+  return internal::LiveObjectCounts();
 }
+
+}  // namespace
+
+namespace internal {
 
 void ResetAllocationFaults() {
   Ledger& ledger = Ledger::Get();
-  std::lock_guard lock(ledger.mutex);
+  std::lock_guard guard(ledger.lock);
   ledger.fault = AllocationSwitch{};
   ledger.total = 0;
   for (auto& module : ledger.modules) module->count = 0;
@@ -279,7 +316,7 @@ void ResetAllocationFaults() {
 
 void FailAllocation(std::string_view module, uint64_t nth, bool persistent) {
   Ledger& ledger = Ledger::Get();
-  std::lock_guard lock(ledger.mutex);
+  std::lock_guard guard(ledger.lock);
   ledger.fault = AllocationSwitch{};
   if (nth == 0) return;  // nothing to fail: the switch stays off
   Module* target = nullptr;
@@ -290,43 +327,27 @@ void FailAllocation(std::string_view module, uint64_t nth, bool persistent) {
 
 uint64_t AllocationCount(std::string_view module) {
   Ledger& ledger = Ledger::Get();
-  std::lock_guard lock(ledger.mutex);
+  std::lock_guard guard(ledger.lock);
   if (module.empty()) return ledger.total;
   Module* found = ledger.Find(module);
   return found != nullptr ? found->count : 0;
 }
-
-namespace {
-
-// Calls visit(count) for each type with live objects, when module takes in
-// the host's own.
-template <typename Visit>
-void ForEachLiveType(std::string_view module, Visit visit) {
-  if (!module.empty() && module != internal::kHostModule) return;
-  for (const internal::ObjectCount* count =
-           g_object_counts.load(std::memory_order_acquire);
-       count != nullptr; count = count->next()) {
-    if (count->live() > 0) visit(*count);
-  }
-}
-
-}  // namespace
 
 // A live object shows as one block of the host with neither line nor size.
 std::vector<LiveBlock> LiveBlocks(std::string_view module) {
   std::vector<LiveBlock> blocks;
   {
     Ledger& ledger = Ledger::Get();
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
       if (!module.empty() && h->module->name != module) continue;
       blocks.push_back(LiveBlock{h->module->name, h->line, h->size});
     }
   }
-  ForEachLiveType(module, [&](const internal::ObjectCount& count) {
-    blocks.insert(blocks.end(), static_cast<size_t>(count.live()),
+  for (const internal::ObjectCount* count : LiveObjectCounts(module)) {
+    blocks.insert(blocks.end(), static_cast<size_t>(count->live()),
                   LiveBlock{internal::kHostModule, 0, 0});
-  });
+  }
   return blocks;
 }
 
@@ -334,18 +355,18 @@ std::string DescribeLiveBlocks(std::string_view module) {
   std::string text;
   Ledger& ledger = Ledger::Get();
   {
-    std::lock_guard lock(ledger.mutex);
+    std::lock_guard guard(ledger.lock);
     for (Header* h = ledger.head.next; h != &ledger.head; h = h->next) {
       if (!module.empty() && h->module->name != module) continue;
       text += h->module->name + ":" + std::to_string(h->line) + " (" +
               std::to_string(h->size) + " bytes)\n";
     }
   }
-  ForEachLiveType(module, [&](const internal::ObjectCount& count) {
+  for (const internal::ObjectCount* count : LiveObjectCounts(module)) {
     text += std::string(internal::kHostModule) + ": " +
-            std::to_string(count.live()) + " " + count.type_name() +
+            std::to_string(count->live()) + " " + count->type_name() +
             " not released\n";
-  });
+  }
   return text;
 }
 

@@ -321,6 +321,12 @@ int32_t ConvertWithIconv(const Charset& from, const Charset& to,
       if (!out.Grow()) return kNoMemory;
     } else if (mode == Mode::kStrict) {
       return kInvalidText;
+    } else if (error == EILSEQ && (flushing || in_left == 0)) {
+      // The decoder itself holds back a character the target lacks (it
+      // waits for a combining mark): only a reset drops it, and the text
+      // ends there.
+      iconv(descriptor.get(), nullptr, nullptr, nullptr, nullptr);
+      break;
     } else if (error == EILSEQ) {
       size_t skip = std::min<size_t>(from.unit, in_left);
       in += skip;

@@ -75,6 +75,61 @@ TEST(MemoryTest, BlockMayBeReleasedUnderAnotherModule) {
   EXPECT_TRUE(LiveBlocks().empty());
 }
 
+// Small blocks are recycled by malloc, large ones may be fresh pages: both
+// must come back zero-filled after a block of the same size was dirtied.
+TEST(MemoryTest, ReusedBlocksAreZeroFilledAtEverySize) {
+  for (size_t size : {size_t{1}, size_t{24}, size_t{1024}, size_t{1025},
+                      size_t{200000}}) {
+    auto* dirty = static_cast<char*>(qve_alloc0(size, "test.a", 1));
+    ASSERT_NE(dirty, nullptr);
+    std::memset(dirty, 0x5a, size);
+    qve_free0(dirty, "test.a", 2);
+    auto* block = static_cast<char*>(qve_alloc0(size, "test.a", 3));
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(std::string(block, size), std::string(size, '\0')) << size;
+    qve_free0(block, "test.a", 4);
+  }
+}
+
+// Module names are looked up by address first; an address that holds
+// another name later must still charge that other name.
+TEST(MemoryTest, ReusedNameBufferChargesTheNameItHolds) {
+  char name[16];
+  std::vector<void*> blocks;
+  for (const char* module : {"test.a", "test.b", "test.a", "test.bb"}) {
+    std::strcpy(name, module);
+    blocks.push_back(qve_alloc0(1, name, 1));
+  }
+  EXPECT_EQ(LiveBlocks("test.a").size(), 2u);
+  EXPECT_EQ(LiveBlocks("test.b").size(), 1u);
+  EXPECT_EQ(LiveBlocks("test.bb").size(), 1u);
+  for (void* block : blocks) qve_free0(block, "test.a", 2);
+}
+
+// Host objects carry no ledger block, yet a leak check sees each of them.
+TEST(MemoryTest, LiveHostObjectsAreReportedByType) {
+  qvedrvr_ValueRow* rows[] = {qvedrvr_ValueRow_new(), qvedrvr_ValueRow_new()};
+  qveue_Exception* exception = qveue_Exception_new_init(7, "m");
+  EXPECT_EQ(LiveBlocks().size(), 3u);
+  EXPECT_EQ(LiveBlocks("host").size(), 3u);
+  EXPECT_TRUE(LiveBlocks("test.a").empty());
+  std::string report = qvehost::DescribeLiveBlocks();
+  EXPECT_NE(report.find("host: 2 qvedrvr_ValueRow not released\n"),
+            std::string::npos) << report;
+  EXPECT_NE(report.find("host: 1 qveue_Exception not released\n"),
+            std::string::npos) << report;
+  qveue_Exception_delete(exception);
+  qvedrmr_MetricResult* result = qvedrmr_MetricResult_new();
+  for (qvedrvr_ValueRow* row : rows) {
+    qvedrmr_MetricResult_addValueRow(result, row);
+  }
+  EXPECT_EQ(qvehost::DescribeLiveBlocks(),
+            "host: 1 qvedrmr_MetricResult not released\n"
+            "host: 2 qvedrvr_ValueRow not released\n");
+  qvedrmr_MetricResult_delete(result);
+  EXPECT_TRUE(LiveBlocks().empty());
+}
+
 TEST(MemoryTest, DescribesLiveBlocksWithTheirSites) {
   void* block = qve_alloc0(5, "test.a", 12);
   EXPECT_EQ(qvehost::DescribeLiveBlocks("test.a"), "test.a:12 (5 bytes)\n");
@@ -160,7 +215,7 @@ void ChurnBlocks() {
 
 TEST(MemoryTest, ConcurrentAllocationKeepsTheLedgerConsistent) {
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) threads.emplace_back(ChurnBlocks);
+  for (int t = 0; t < 8; ++t) threads.emplace_back(ChurnBlocks);
   for (std::thread& thread : threads) thread.join();
   EXPECT_TRUE(LiveBlocks("test.t").empty());
 }

@@ -4,6 +4,7 @@
 // the host's ledger, descriptors and children as they were.
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,16 +30,19 @@ struct EntryPoint {
   bool needsAccount = false;
 };
 
+void PrintTo(const EntryPoint& entryPoint, std::ostream* out) {
+  *out << entryPoint.name;
+}
+
 // An agent's sequence: handle, one evaluation, release of the handle.
 Call ThroughFetchlet(const Fetchlet& fetchlet, const Props& props) {
   return [&fetchlet, props](qvefet_Context* context,
                             const TestAccount* account) {
     qvefet_Fetchlet* handle = nullptr;
     EXPECT_EQ(fetchlet.getFetchlet(context, &handle), 0);
-    const Json outcome = Evaluate(fetchlet.getMetric, context,
-                                  account != nullptr
-                                      ? WithCredentials(*account, props)
-                                      : props);
+    const Json outcome =
+        Evaluate(fetchlet.getMetric, context,
+                 account != nullptr ? WithCredentials(*account, props) : props);
     fetchlet.freeFetchlet(handle);
     return outcome;
   };
@@ -93,15 +97,14 @@ Json Lines(const std::string& text) {
 
 // Standard input from two entries (one of two lines), an environment from
 // a property and the ENV_ARRAY block, output on both streams.
-const Props kOsProps = {
-    {"command", " /bin/sh -c 'cat; echo \"$V$W\" >&2' "},
-    {"ENVV", "v"},
-    {"ENV_ARRAY", "{W=w}{X=1}"},
-    {"STDINa", "1"},
-    {"STDINb", "2\n3"},
-    {"needCharsetConvert", "TRUE"},
-    {"KTDCLIENT_REQUEST_ID", "sweep"},
-    {"KT_METRIC_TIMEOUT", "30"}};
+const Props kOsProps = {{"command", " /bin/sh -c 'cat; echo \"$V$W\" >&2' "},
+                        {"ENVV", "v"},
+                        {"ENV_ARRAY", "{W=w}{X=1}"},
+                        {"STDINa", "1"},
+                        {"STDINb", "2\n3"},
+                        {"needCharsetConvert", "TRUE"},
+                        {"KTDCLIENT_REQUEST_ID", "sweep"},
+                        {"KT_METRIC_TIMEOUT", "30"}};
 constexpr char kOsStdout[] = "a=1\nb=__BeginProp__\n2\n3\n__EndProp__\n";
 
 Props WithWarningFromStderr(Props props) {
@@ -125,8 +128,9 @@ const Props kTableProps = {
 
 const Props kUdmProps = {
     {"command", "/bin/sh"},
-    {"args", "-c 'echo noise; echo \"kt_message=$M\"; echo kt_result=$W; "
-             "echo e >&2'"},
+    {"args",
+     "-c 'echo noise; echo \"kt_message=$M\"; echo kt_result=$W; "
+     "echo e >&2'"},
     {"ENVM", "m"},
     {"ENV_ARRAY", "{W=7}"},
     {"ID", "sweep"},
@@ -156,7 +160,7 @@ const EntryPoint kEntryPoints[] = {
 
 // The modules of the plug-in; "" counts the allocations of every module,
 // the host's own conversions and string buffers among them.
-constexpr const char* kModules[] = {"",        "qvefos",   "qvefosl",
+constexpr const char* kModules[] = {"",         "qvefos",   "qvefosl",
                                     "qvefoslt", "qvefosud", "sqvefos"};
 
 // Success with a result, or -1 with none and either no exception or one of
@@ -197,7 +201,6 @@ class FaultSweepTest : public testing::TestWithParam<EntryPoint> {
       qvehost::FailAllocation(module, k, persistent);
       const Json outcome = GetParam().call(context_, account_);
       const bool faulted = qvehost::AllocationCount(module) >= k;
-      fprintf(stdout, "SWEEP %s %d %d %s\n", module, (int)k, persistent, outcome.dump().c_str());
       qvehost::ResetFaults();
       if (faulted) {
         ExpectSuccessOrDocumentedFailure(outcome);
@@ -228,9 +231,11 @@ TEST_P(FaultSweepTest, EveryRunEndsInSuccessOrTheDocumentedFailure) {
   RecordProperty("runs", runs);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EntryPoints, FaultSweepTest, testing::ValuesIn(kEntryPoints),
-    [](const testing::TestParamInfo<EntryPoint>& p) { return p.param.name; });
+INSTANTIATE_TEST_SUITE_P(EntryPoints, FaultSweepTest,
+                         testing::ValuesIn(kEntryPoints),
+                         [](const testing::TestParamInfo<EntryPoint>& p) {
+                           return p.param.name;
+                         });
 
 }  // namespace
 }  // namespace qvetest

@@ -76,9 +76,9 @@ inline const TestAccount* UdmAccount(std::string* reason) {
 // props with the account's credentials in front; a wrong password on request.
 inline Props WithCredentials(const TestAccount& account, const Props& props,
                              bool rightPassword = true) {
-  Props all = {{"username", account.name},
-               {"password",
-                rightPassword ? account.password : "x" + account.password}};
+  Props all = {
+      {"username", account.name},
+      {"password", rightPassword ? account.password : "x" + account.password}};
   all.insert(all.end(), props.begin(), props.end());
   return all;
 }
@@ -97,8 +97,7 @@ class HostBaseline {
   void ExpectUnchanged() const {
     EXPECT_EQ(OpenDescriptors(), descriptors_);
     EXPECT_EQ(SurvivingChildren(), std::vector<int>{});
-    EXPECT_TRUE(qvehost::LiveBlocks().empty())
-        << qvehost::DescribeLiveBlocks();
+    EXPECT_TRUE(qvehost::LiveBlocks().empty()) << qvehost::DescribeLiveBlocks();
   }
 
  private:

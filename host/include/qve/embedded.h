@@ -84,8 +84,11 @@ struct LiveBlock {
   size_t size = 0;
 };
 // Live blocks of module (all modules when empty), in no particular order.
+// Each live host object (result, row, exception, ...) counts as one block of
+// module "host" with line and size 0.
 std::vector<LiveBlock> LiveBlocks(std::string_view module = {});
-// "module:line (size bytes)" lines of the live blocks, for failure messages.
+// "module:line (size bytes)" lines of the live blocks, then "host: N TYPE not
+// released" lines of the live host objects, for failure messages.
 std::string DescribeLiveBlocks(std::string_view module = {});
 
 // ---- Log capture ------------------------------------------------------------
