@@ -61,8 +61,7 @@ enum {
   QVE_EXC_TIMEOUT = 7,        /* time limit passed or run aborted */
   QVE_EXC_NO_RESULT = 10,     /* a metric result could not be created */
   QVE_EXC_BAD_REQUEST = 11,   /* invalid request */
-  QVE_EXC_RUN_FAILED = 12,    /* could not run or read, exit value not 0,
-                                 memory ran out */
+  QVE_EXC_RUN_FAILED = 12,    /* not run or read, exit not 0, no memory */
   QVE_EXC_PROCESS_LIMIT = 15  /* the process limit was reached */
 };
 
