@@ -29,13 +29,21 @@ void Watch(sigset_t signals, std::string requestId) {
 
 }  // namespace
 
-void WatchInterrupts(const std::string& requestId) {
+sigset_t InterruptSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+void BlockInterrupts() {
+  const sigset_t signals = InterruptSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::thread(Watch, signals, requestId).detach();
+}
+
+void WatchInterrupts(const std::string& requestId) {
+  std::thread(Watch, InterruptSignals(), requestId).detach();
 }
 
 }  // namespace fetchlet

@@ -8,9 +8,13 @@
 
 namespace fetchlet {
 
-// Blocks SIGINT and SIGTERM in the calling thread (and every thread started
-// after) and starts the waiting thread. requestId may be empty: then the
-// first Ctrl-C already ends everything.
+// Blocks SIGINT and SIGTERM in the calling thread and so in every thread
+// started after it; called first thing, so no thread can take the signal's
+// default action. A signal that comes before the watcher waits for it.
+void BlockInterrupts();
+
+// Starts the waiting thread. requestId may be empty: then the first Ctrl-C
+// already ends everything.
 void WatchInterrupts(const std::string& requestId);
 
 }  // namespace fetchlet

@@ -181,6 +181,7 @@ int Run(const Options& o) {
 }  // namespace fetchlet
 
 int main(int argc, char** argv) {
+  fetchlet::BlockInterrupts();
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);
   fetchlet::Options options;

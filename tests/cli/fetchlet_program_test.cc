@@ -56,18 +56,25 @@ Outcome Finish(pid_t pid, const std::string& outPath,
                const std::string& errPath) {
   int status = 0;
   waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+  // A death by signal is told apart from an exit status.
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status),
           Slurp(outPath), Slurp(errPath)};
 }
 
+// A file of this test process's own: tests run in parallel processes.
+std::string TempPath(const std::string& name) {
+  return testing::TempDir() + "fetchlet-" + std::to_string(getpid()) + "-" +
+         name;
+}
+
 Outcome RunProgram(const std::vector<std::string>& args) {
-  const std::string out = testing::TempDir() + "fetchlet.out";
-  const std::string err = testing::TempDir() + "fetchlet.err";
+  const std::string out = TempPath("out");
+  const std::string err = TempPath("err");
   return Finish(Start(args, out, err), out, err);
 }
 
 std::string WriteFile(const std::string& name, const std::string& text) {
-  const std::string path = testing::TempDir() + name;
+  const std::string path = TempPath(name);
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }
@@ -142,8 +149,8 @@ pid_t AwaitGrandchild(pid_t program) {
 }
 
 TEST(FetchletProgramTest, CtrlCAbortsARunWithARequestIdentifier) {
-  const std::string out = testing::TempDir() + "abort.out";
-  const std::string err = testing::TempDir() + "abort.err";
+  const std::string out = TempPath("abort.out");
+  const std::string err = TempPath("abort.err");
   pid_t program = Start({"run", "os", "--json", "command=sleep 30",
                          "KTDCLIENT_REQUEST_ID=ctrl-c"},
                         out, err);
@@ -157,8 +164,8 @@ TEST(FetchletProgramTest, CtrlCAbortsARunWithARequestIdentifier) {
 
 TEST(FetchletProgramTest, CtrlCWithoutRequestIdentifierEndsEverything) {
   qvetest::BecomeSubreaper();
-  const std::string out = testing::TempDir() + "kill.out";
-  const std::string err = testing::TempDir() + "kill.err";
+  const std::string out = TempPath("kill.out");
+  const std::string err = TempPath("kill.err");
   pid_t program = Start({"run", "os", "command=sleep 30"}, out, err);
   ASSERT_GT(AwaitGrandchild(program), 0);
   kill(program, SIGINT);

@@ -124,7 +124,8 @@ TEST_F(RunnerTest, FailedRunLogsItsTexts) {
 }
 
 TEST_F(RunnerTest, StartFailuresNameTheProgram) {
-  const std::string script = testing::TempDir() + "not_executable.sh";
+  const std::string script = testing::TempDir() + "not_executable_" +
+                             std::to_string(getpid()) + ".sh";
   std::ofstream(script) << "#!/bin/sh\necho hi\n";
   chmod(script.c_str(), 0644);
   struct Case {
