@@ -30,6 +30,12 @@ const std::map<std::string, qvehost::LogLevel> kLevels = {
     {"off", qvehost::LogLevel::kOff}};
 
 constexpr const char* kRunFooter = R"(
+Kinds:
+  os           the command's whole output as one row
+  osline       one row per line of output
+  oslinetoken  a table: lines split at delimiter bytes, nested at separators
+  udm          a user's script, run under username and password
+
 Common properties:
   command=...              the program and its fixed arguments (required)
   script=... args=...      appended to the command line
@@ -42,7 +48,8 @@ Common properties:
 
 Examples:
   fetchlet run os command='uname -a'
-  fetchlet run os --json command='sh -c "echo out; echo err >&2"' separateErrorStream=TRUE)";
+  fetchlet run os --json command='sh -c "echo out; echo err >&2"' separateErrorStream=TRUE
+  fetchlet run oslinetoken command='df -P' delimiter=' ' startsWith=/dev/)";
 
 struct Options {
   std::string kind;
