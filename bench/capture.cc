@@ -32,23 +32,21 @@
 #include <string>
 #include <vector>
 
+#include "bench/raw_loop.h"
 #include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
 
+using rawloop::Die;
+using rawloop::RawText;
+
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kTotalBytes = size_t{1} << 30;
 constexpr size_t kWriteBytes = size_t{1} << 20;
 constexpr int kRounds = 5;
-constexpr int32_t kReadMaximum = 8207;
-
-[[noreturn]] void Die(const char* what) {
-  std::fprintf(stderr, "capture: %s failed: %s\n", what, std::strerror(errno));
-  std::_Exit(1);
-}
 
 // What a measuring child sends back.
 struct SideReport {
@@ -127,20 +125,6 @@ SideReport RunnerSide(const std::vector<std::string>& args) {
 
 // ---- The raw loop -----------------------------------------------------------
 
-struct RawText {
-  char* data = nullptr;
-  size_t length = 0;
-
-  void Append(const char* chunk, size_t n) {
-    auto* grown = static_cast<char*>(std::realloc(data, length + n + 1));
-    if (grown == nullptr) Die("realloc");
-    data = grown;
-    std::memcpy(data + length, chunk, n);
-    length += n;
-    data[length] = '\0';
-  }
-};
-
 pid_t RawSpawn(char* const* argv, const int child_fds[3]) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -159,25 +143,7 @@ pid_t RawSpawn(char* const* argv, const int child_fds[3]) {
 // Reads both streams to their end; standard output's text is kept.
 RawText RawCollect(int out_fd, int err_fd) {
   RawText texts[2];
-  pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-  char buffer[kReadMaximum + 1];
-  for (int open = 2; open > 0;) {
-    if (poll(fds, 2, 1000) < 0) {
-      if (errno == EINTR) continue;
-      Die("poll");
-    }
-    for (pollfd& fd : fds) {
-      if (fd.revents == 0) continue;
-      const ssize_t n = read(fd.fd, buffer, kReadMaximum);
-      if (n > 0) {
-        texts[&fd - fds].Append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fd.fd);
-        fd.fd = -1;
-        --open;
-      }
-    }
-  }
+  rawloop::CollectBoth(out_fd, err_fd, texts);
   std::free(texts[1].data);
   return texts[0];
 }

@@ -31,11 +31,15 @@
 #include <string>
 #include <vector>
 
+#include "bench/raw_loop.h"
 #include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
+
+using rawloop::Die;
+using rawloop::RawText;
 
 using Clock = std::chrono::steady_clock;
 
@@ -43,16 +47,9 @@ constexpr int kPairs = 600;
 constexpr int kWarmUp = 20;
 constexpr int kStraceEvals = 300;
 constexpr size_t kOutputBytes = 64 * 1024;
-constexpr int32_t kReadMaximum = 8207;
 // A time limit, as requests usually carry one: the runner then reads the
 // clock after every wait.
 constexpr int32_t kTimeoutSeconds = 60;
-
-[[noreturn]] void Die(const char* what) {
-  std::fprintf(stderr, "run_overhead: %s failed: %s\n", what,
-               std::strerror(errno));
-  std::exit(1);
-}
 
 struct Host {
   qvefet_Context* context = nullptr;
@@ -100,20 +97,6 @@ size_t RunnerEval(const Host& host, const std::vector<std::string>& args) {
 
 // ---- The raw baseline ---------------------------------------------------
 
-struct RawText {
-  char* data = nullptr;
-  size_t length = 0;
-
-  void Append(const char* chunk, size_t n) {
-    auto* grown = static_cast<char*>(std::realloc(data, length + n + 1));
-    if (grown == nullptr) Die("realloc");
-    data = grown;
-    std::memcpy(data + length, chunk, n);
-    length += n;
-    data[length] = '\0';
-  }
-};
-
 void SetChildAttributes(posix_spawnattr_t* attr) {
   sigset_t all;
   std::memset(&all, 0xff, sizeof all);
@@ -148,25 +131,7 @@ pid_t RawSpawn(char* const* argv, const int child_fds[3]) {
 // Reads both streams to their end; the bytes of standard output.
 size_t RawCollect(int out_fd, int err_fd) {
   RawText texts[2];
-  pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-  char buffer[kReadMaximum + 1];
-  for (int open = 2; open > 0;) {
-    if (poll(fds, 2, 1000) < 0) {
-      if (errno == EINTR) continue;
-      Die("poll");
-    }
-    for (pollfd& fd : fds) {
-      if (fd.revents == 0) continue;
-      const ssize_t n = read(fd.fd, buffer, kReadMaximum);
-      if (n > 0) {
-        texts[&fd - fds].Append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fd.fd);
-        fd.fd = -1;
-        --open;
-      }
-    }
-  }
+  rawloop::CollectBoth(out_fd, err_fd, texts);
   std::free(texts[0].data);
   std::free(texts[1].data);
   return texts[0].length;
