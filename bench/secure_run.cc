@@ -4,8 +4,17 @@
 // PAM's loading), and beside the plain runner, in the same run. Repetitions
 // are interleaved and medians reported; the figure is permit / plain.
 //
-// Needs root, to make a throw-away account and to install the two PAM
+// The permit-only service is measured twice: from a directory of its own
+// (pam_dir), whose fallback service "other" only denies, which is the
+// figure; and from /etc/pam.d, where PAM also loads the site's fallback
+// stack with all its modules on every run. Beside them, secure_run_floor
+// does only what any launcher must (PAM's checks, the user's groups, the
+// switch and the command's start) under the same permit-only service, run
+// by the plain runner: the floor the launcher's cost is set against.
+//
+// Needs root, to make a throw-away account and to install the PAM
 // services; otherwise it says so and prints its JSON line with nulls.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,11 +36,15 @@ using Clock = std::chrono::steady_clock;
 constexpr int kRounds = 40;
 constexpr char kConfigVariable[] = "FETCHLET_LAUNCH_CONFIG";
 
+// What the runs are measured under, in the order they are taken.
+enum Kind { kPlain, kFloor, kPermit, kPermitSite, kRealPam, kKinds };
+
 struct Bench {
   std::string user;
   std::string password;
-  std::string permit_service;
-  std::string permit_config;
+  std::string permit_service;  // in /etc/pam.d
+  std::string pam_dir;         // a directory of the bench's own
+  std::string config[kKinds];  // launcher settings per kind; empty: none
   qvefet_Context* context = nullptr;
   qveulm_LogCtx* log = nullptr;
 };
@@ -61,7 +74,9 @@ bool SetUp(Bench* bench) {
   bench->user = "qvelbench" + pid;
   bench->password = "Bench-" + pid + "-pw";
   bench->permit_service = "qvel-bench-permit-" + pid;
-  bench->permit_config = "/tmp/qvel-bench-" + pid + ".conf";
+  bench->pam_dir = "/tmp/qvel-bench-pam-" + pid;
+  bench->config[kPermit] = "/tmp/qvel-bench-" + pid + ".conf";
+  bench->config[kPermitSite] = "/tmp/qvel-bench-site-" + pid + ".conf";
   Quiet("userdel -f -r " + bench->user);
   if (!Quiet("useradd -m -U -s /bin/sh " + bench->user)) return false;
   FILE* chpasswd = popen("chpasswd", "w");
@@ -74,33 +89,58 @@ bool SetUp(Bench* bench) {
                 "/etc/pam.d/fetchlet-launch")) {
     return false;
   }
-  std::ofstream(bench->permit_config)
+  const std::string permit = ShareFile("fetchlet-launch-permit.pam");
+  if (mkdir(bench->pam_dir.c_str(), 0755) != 0 ||
+      !CopyFile(permit, bench->pam_dir + "/permit")) {
+    return false;
+  }
+  std::ofstream(bench->pam_dir + "/other")
+      << "auth required pam_deny.so\naccount required pam_deny.so\n"
+         "password required pam_deny.so\nsession required pam_deny.so\n";
+  std::ofstream(bench->config[kPermit])
+      << "service = permit\npam_dir = " << bench->pam_dir << "\n";
+  std::ofstream(bench->config[kPermitSite])
       << "service = " << bench->permit_service << "\n";
-  return CopyFile(ShareFile("fetchlet-launch-permit.pam"),
-                  "/etc/pam.d/" + bench->permit_service);
+  return CopyFile(permit, "/etc/pam.d/" + bench->permit_service);
 }
 
 void TearDown(const Bench& bench) {
   std::remove(("/etc/pam.d/" + bench.permit_service).c_str());
-  std::remove(bench.permit_config.c_str());
+  for (const std::string& config : bench.config) std::remove(config.c_str());
+  std::remove((bench.pam_dir + "/permit").c_str());
+  std::remove((bench.pam_dir + "/other").c_str());
+  std::remove(bench.pam_dir.c_str());
   Quiet("userdel -f -r " + bench.user);
 }
 
-char** NewArgv() {
-  auto** argv =
-      static_cast<char**>(qve_alloc0(2 * sizeof(char*), "bench", __LINE__));
-  argv[0] = qve_allocpy0("/bin/true", "bench", __LINE__);
+std::vector<std::string> Command(const Bench& bench, Kind kind) {
+  if (kind != kFloor) return {"/bin/true"};
+  return {QVE_SECURE_RUN_FLOOR, bench.user, bench.pam_dir, "permit",
+          "/bin/true"};
+}
+
+char** NewArgv(const std::vector<std::string>& words) {
+  auto** argv = static_cast<char**>(
+      qve_alloc0((words.size() + 1) * sizeof(char*), "bench", __LINE__));
+  for (size_t i = 0; i < words.size(); ++i) {
+    argv[i] = qve_allocpy0(words[i].c_str(), "bench", __LINE__);
+  }
   return argv;
 }
 
+// The runner may have replaced the program's path with one of its own.
 void FreeArgv(char** argv) {
   if (argv[0] != nullptr) qve_free0(argv[0], "qvefos", __LINE__);
+  for (char** word = argv + 1; *word != nullptr; ++word) {
+    qve_free0(*word, "bench", __LINE__);
+  }
   qve_free0(argv, "bench", __LINE__);
 }
 
 // Milliseconds of one run; negative when it failed.
-double TimeRun(const Bench& bench, bool secure) {
-  char** argv = NewArgv();
+double TimeRun(const Bench& bench, Kind kind) {
+  const bool secure = kind >= kPermit;
+  char** argv = NewArgv(Command(bench, kind));
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;
@@ -131,18 +171,21 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// The three kinds of run in turn, kRounds times; false when any failed.
-bool Measure(const Bench& bench, std::vector<double> (&ms)[3]) {
+// The kinds of run in turn, kRounds times; false when any failed.
+bool Measure(const Bench& bench, std::vector<double> (&ms)[kKinds]) {
   for (int round = 0; round < kRounds; ++round) {
-    ms[0].push_back(TimeRun(bench, false));
-    setenv(kConfigVariable, bench.permit_config.c_str(), 1);
-    ms[1].push_back(TimeRun(bench, true));
-    unsetenv(kConfigVariable);
-    ms[2].push_back(TimeRun(bench, true));
-    for (const auto& kind : ms) {
-      if (kind.back() < 0) return false;
+    for (int kind = 0; kind < kKinds; ++kind) {
+      if (bench.config[kind].empty()) {
+        unsetenv(kConfigVariable);
+      } else {
+        setenv(kConfigVariable, bench.config[kind].c_str(), 1);
+      }
+      const double ms_of_run = TimeRun(bench, static_cast<Kind>(kind));
+      if (ms_of_run < 0) return false;
+      ms[kind].push_back(ms_of_run);
     }
   }
+  unsetenv(kConfigVariable);
   return true;
 }
 
@@ -157,7 +200,7 @@ int main() {
     skipped = "fetchlet-launch is not built";
   }
   Bench bench;
-  std::vector<double> ms[3];  // plain, permit, real PAM
+  std::vector<double> ms[kKinds];
   bool measured = false;
   if (skipped == nullptr) {
     if (SetUp(&bench)) {
@@ -173,21 +216,32 @@ int main() {
     std::printf("secure_run skipped: %s\n", skipped);
     std::printf(
         "{\"bench\":\"secure_run\",\"ms_per_run\":null,"
-        "\"permit_ms_per_run\":null,\"plain_ms_per_run\":null,"
-        "\"ratio\":null}\n");
+        "\"permit_ms_per_run\":null,\"permit_site_ms_per_run\":null,"
+        "\"floor_ms_per_run\":null,\"plain_ms_per_run\":null,"
+        "\"ratio\":null,\"ratio_site\":null,\"floor_ratio\":null,"
+        "\"over_floor\":null}\n");
     return 0;
   }
-  const double plain = Median(ms[0]);
-  const double permit = Median(ms[1]);
-  const double real = Median(ms[2]);
+  double median[kKinds];
+  for (int kind = 0; kind < kKinds; ++kind) median[kind] = Median(ms[kind]);
+  const double plain = median[kPlain];
   std::printf("/bin/true, median of %d interleaved runs each\n", kRounds);
-  std::printf("  plain runner            %8.2f ms\n", plain);
-  std::printf("  launcher, permit only   %8.2f ms\n", permit);
-  std::printf("  launcher, real PAM      %8.2f ms\n", real);
+  const char* const names[kKinds] = {
+      "plain runner", "floor: PAM, groups, switch, start",
+      "launcher, permit only (pam_dir)", "launcher, permit only (/etc/pam.d)",
+      "launcher, real PAM"};
+  for (int kind = 0; kind < kKinds; ++kind) {
+    std::printf("  %-38s %8.2f ms  %5.2f x plain\n", names[kind],
+                median[kind], median[kind] / plain);
+  }
   std::printf(
       "{\"bench\":\"secure_run\",\"ms_per_run\":%.3f,"
-      "\"permit_ms_per_run\":%.3f,\"plain_ms_per_run\":%.3f,"
-      "\"ratio\":%.3f}\n",
-      real, permit, plain, permit / plain);
+      "\"permit_ms_per_run\":%.3f,\"permit_site_ms_per_run\":%.3f,"
+      "\"floor_ms_per_run\":%.3f,\"plain_ms_per_run\":%.3f,"
+      "\"ratio\":%.3f,\"ratio_site\":%.3f,\"floor_ratio\":%.3f,"
+      "\"over_floor\":%.3f}\n",
+      median[kRealPam], median[kPermit], median[kPermitSite], median[kFloor],
+      plain, median[kPermit] / plain, median[kPermitSite] / plain,
+      median[kFloor] / plain, median[kPermit] / median[kFloor]);
   return 0;
 }

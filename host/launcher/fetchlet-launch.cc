@@ -46,6 +46,7 @@ constexpr char kRootRefused[] = "Running commands as root is not permitted";
 
 struct Settings {
   std::string service = kDefaultService;
+  std::string pam_dir;  // empty: PAM's own directories
   bool allow_root = false;
 };
 
@@ -96,6 +97,8 @@ bool ParseSettings(std::string_view text, Settings* settings) {
     const std::string_view value = Trim(line.substr(equals + 1));
     if (key == "service" && ValidServiceName(value)) {
       settings->service.assign(value);
+    } else if (key == "pam_dir" && value.starts_with('/')) {
+      settings->pam_dir.assign(value);
     } else if (key == "allow_root" && (value == "yes" || value == "no")) {
       settings->allow_root = value == "yes";
     } else {
@@ -103,6 +106,20 @@ bool ParseSettings(std::string_view text, Settings* settings) {
     }
   }
   return true;
+}
+
+// PAM reads every service file of the directory as root: a privileged
+// launcher takes it only when root owns it and only root may write to it.
+const char* CheckPamDir(const std::string& dir, bool privileged) {
+  struct stat info;
+  if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    return kBadConfig;
+  }
+  if (privileged &&
+      (info.st_uid != 0 || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+    return kUnsafeConfig;
+  }
+  return nullptr;
 }
 
 // A missing file leaves the defaults. A privileged launcher takes its
@@ -133,6 +150,9 @@ const char* ReadSettings(const std::string& path, bool privileged,
   }
   close(fd);
   if (failure == nullptr && !ParseSettings(text, settings)) failure = kBadConfig;
+  if (failure == nullptr && !settings->pam_dir.empty()) {
+    failure = CheckPamDir(settings->pam_dir, privileged);
+  }
   return failure;
 }
 
@@ -255,8 +275,8 @@ int main(int argc, char** argv) {
   } else if (account.uid == 0 && !settings.allow_root) {
     failure = kRootRefused;
   } else {
-    failure = Authenticate(settings.service, request.user, request.password,
-                           &transaction);
+    failure = Authenticate(settings.service, settings.pam_dir, request.user,
+                           request.password, &transaction);
   }
   request.WipePassword();
   if (failure != nullptr) Refuse(failure);

@@ -86,14 +86,17 @@ const char* AccountFailure(int result) {
 
 }  // namespace
 
-const char* Authenticate(const std::string& service, const char* user,
-                         const char* password, PamTransaction* transaction) {
+const char* Authenticate(const std::string& service, const std::string& pam_dir,
+                         const char* user, const char* password,
+                         PamTransaction* transaction) {
   // PAM keeps the conversation's address until the transaction ends.
   static Answers answers;
   static pam_conv conversation{Converse, &answers};
   answers.password = password;
   pam_handle_t* handle = nullptr;
-  int result = pam_start(service.c_str(), user, &conversation, &handle);
+  int result = pam_start_confdir(service.c_str(), user, &conversation,
+                                 pam_dir.empty() ? nullptr : pam_dir.c_str(),
+                                 &handle);
   if (result != PAM_SUCCESS) return kServiceUnavailable;
   result = pam_set_item(handle, PAM_FAIL_DELAY,
                         reinterpret_cast<const void*>(&NoFailDelay));

@@ -33,12 +33,14 @@ struct PamTransaction {
   int result = PAM_SUCCESS;
 };
 
-// Checks password for user under the PAM service, with PAM's failure delay
+// Checks password for user under the PAM service (its file in pam_dir, or
+// where PAM looks when pam_dir is empty), with PAM's failure delay
 // switched off, and then the account. Null on success, with the transaction
 // open in *transaction; else the fixed text to report (the transaction is
 // then over). PAM's own messages are never shown.
-const char* Authenticate(const std::string& service, const char* user,
-                         const char* password, PamTransaction* transaction);
+const char* Authenticate(const std::string& service, const std::string& pam_dir,
+                         const char* user, const char* password,
+                         PamTransaction* transaction);
 // Ends an open transaction; PAM wipes its copy of the password.
 void EndTransaction(PamTransaction* transaction);
 

@@ -59,8 +59,12 @@ std::string Search() {
   const std::string directory = LibraryDirectory();
   if (directory.empty()) return {};
   for (const char* candidate : kCandidates) {
-    std::string path = directory + candidate + qvelaunch::kProgramName;
-    if (IsExecutableFile(path)) return path;
+    const std::string path = directory + candidate + qvelaunch::kProgramName;
+    // Resolved, so that process lists and logs show the plain path.
+    char resolved[PATH_MAX];
+    if (IsExecutableFile(path) && realpath(path.c_str(), resolved) != nullptr) {
+      return resolved;
+    }
   }
   return {};
 }

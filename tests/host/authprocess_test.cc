@@ -239,9 +239,14 @@ TEST_F(AuthProcessTest, ExpiredAccountIsRefused) {
 TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {
   const std::string pid = std::to_string(getpid());
   const std::string config = "/tmp/qvel-conf-" + pid;
-  const std::string permit = "qvel-permit-" + pid;
-  ASSERT_TRUE(InstallPamService(
-      LauncherShareFile("fetchlet-launch-permit.pam"), permit));
+  // A PAM directory of the test's own: its service permits any password,
+  // and its fallback service denies everything.
+  const std::string pam_dir = "/tmp/qvel-pam-" + pid;
+  std::filesystem::create_directory(pam_dir);
+  std::filesystem::copy_file(LauncherShareFile("fetchlet-launch-permit.pam"),
+                             pam_dir + "/permit");
+  std::ofstream(pam_dir + "/other") << "auth required pam_deny.so\n"
+                                       "account required pam_deny.so\n";
   struct Case {
     std::string settings;
     std::string user;
@@ -249,7 +254,12 @@ TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {
   } cases[] = {
       {"allow_root = yes\n", "root", kWrongPassword},
       {"allow_root = maybe\n", "root", "Launcher configuration is not valid"},
-      {"# any password\nservice = " + permit + "\n", account_->name, ""}};
+      {"# any password\nservice = permit\npam_dir = " + pam_dir + "\n",
+       account_->name, ""},
+      {"service = permit\npam_dir = relative/dir\n", account_->name,
+       "Launcher configuration is not valid"},
+      {"service = permit\npam_dir = " + pam_dir + "/permit\n",
+       account_->name, "Launcher configuration is not valid"}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.settings);
     std::ofstream(config) << c.settings;
@@ -258,7 +268,7 @@ TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {
     unsetenv("FETCHLET_LAUNCH_CONFIG");
     EXPECT_EQ(f.text, c.text);
   }
-  std::filesystem::remove("/etc/pam.d/" + permit);
+  std::filesystem::remove_all(pam_dir);
   std::filesystem::remove(config);
 }
 
