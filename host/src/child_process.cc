@@ -245,9 +245,11 @@ bool ChildProcess::Reap(bool block) {
   // id is not handed out again this soon, so the kill is still safe.
   kill(-pid_, SIGKILL);
   errno = saved;
+  // Out of the running list before the id is freed, so that an emergency
+  // stop can never signal an id that another process has taken.
+  ForgetRunning(this);
   exit_value_ = rc == 0 ? CollectStatus(pid_) : -1;
   reaped_ = true;
-  ForgetRunning(this);
   return true;
 }
 
