@@ -1,176 +1,142 @@
 // The fetchlet program, driven as a user drives it.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "fos/run_support.h"
 
 extern char** environ;
 
+namespace qvetest {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-struct Outcome {
-  int exitStatus = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+// Files of this test process's own: tests run in parallel processes.
+std::string TempPath(const std::string& name) {
+  return testing::TempDir() + "fetchlet-" + std::to_string(getpid()) + "-" +
+         name;
 }
+std::string WriteFile(const std::string& name, const std::string& text) {
+  const std::string path = TempPath(name);
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+const std::string kOut = TempPath("out"), kErr = TempPath("err");
 
-// Starts the program with its output in files; the caller waits for pid.
-pid_t Start(const std::vector<std::string>& args, const std::string& outPath,
-            const std::string& errPath) {
-  std::vector<std::string> all = {QVE_FETCHLET_BIN};
-  all.insert(all.end(), args.begin(), args.end());
+// Starts the program with its standard output and error in the two files.
+pid_t Start(Strings args) {
+  args.insert(args.begin(), QVE_FETCHLET_BIN);
   std::vector<char*> argv;
-  for (std::string& a : all) argv.push_back(a.data());
+  for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  for (const auto& [fd, path] : {std::pair{1, &kOut}, std::pair{2, &kErr}}) {
+    posix_spawn_file_actions_addopen(&actions, fd, path->c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  }
   pid_t pid = -1;
   posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   return pid;
 }
 
-Outcome Finish(pid_t pid, const std::string& outPath,
-               const std::string& errPath) {
+// The exit status (1000 + the signal for a death by signal).
+int Finish(pid_t pid) {
   int status = 0;
   waitpid(pid, &status, 0);
-  // A death by signal is told apart from an exit status.
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status),
-          Slurp(outPath), Slurp(errPath)};
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
-// A file of this test process's own: tests run in parallel processes.
-std::string TempPath(const std::string& name) {
-  return testing::TempDir() + "fetchlet-" + std::to_string(getpid()) + "-" +
-         name;
-}
-
-Outcome RunProgram(const std::vector<std::string>& args) {
-  const std::string out = TempPath("out");
-  const std::string err = TempPath("err");
-  return Finish(Start(args, out, err), out, err);
-}
-
-std::string WriteFile(const std::string& name, const std::string& text) {
-  const std::string path = TempPath(name);
-  std::ofstream(path, std::ios::binary) << text;
-  return path;
-}
-
-TEST(FetchletProgramTest, JsonShapeKeepsItsKeyOrderAndReplacesBadBytes) {
-  Outcome o = RunProgram(
-      {"run", "os", "--json", "command=printf 'a\\377b'", "args="});
-  EXPECT_EQ(o.exitStatus, 0) << o.err;
-  EXPECT_EQ(o.out,
-            "{\"status\":0,\"result\":{\"rows\":[[\"a\xEF\xBF\xBD" "b\"]],"
-            "\"warning\":null},\"exception\":null}\n");
-  Outcome failed = RunProgram({"run", "os", "--json", "command=/x/y"});
-  EXPECT_EQ(failed.exitStatus, 1);
-  EXPECT_EQ(Json::parse(failed.out),
-            Json::parse(R"({"status":-1,"result":null,)"
-                        R"("exception":{"kind":12,"message":"/x/y: not found"}})"));
-}
-
-TEST(FetchletProgramTest, ExitStatuses) {
-  const std::string malformed = WriteFile("malformed.json", "[[\"a\"]");
-  const std::string notPairs = WriteFile("not_pairs.json", "[[\"a\", 1]]");
-  struct Case {
-    std::vector<std::string> args;
-    int exitStatus;
-    std::string errLine;  // standard error holds the host log too
-  } cases[] = {
-      {{"run", "os", "command=true"}, 0, ""},
-      {{"run", "os", "command=sh -c 'echo oops >&2; exit 1'"}, 1,
-       "error (kind 12): oops\n"},
-      {{"run", "os", "args=x"}, 1,
-       "error (kind 11): Command for fetchlet is NULL\n"},
-      {{"run", "nosuchkind", "command=true"}, 2, "fetchlet: unknown kind"},
-      {{"run", "os", "--no-such-option", "command=true"}, 2, ""},
-      {{"run", "os", "command"}, 2, "fetchlet: property 'command' is not"},
-      {{"run", "os", "--properties", malformed}, 2, "fetchlet: properties"},
-      {{"run", "os", "--properties", notPairs}, 2, "fetchlet: properties"},
-      {{"run", "os", "--properties", "/no/such/file"}, 2,
-       "fetchlet: cannot read properties file"},
-      {{"run", "os", "--log-level", "loud", "command=true"}, 2,
-       "fetchlet: unknown log level"},
-  };
-  for (const Case& c : cases) {
-    Outcome o = RunProgram(c.args);
-    EXPECT_EQ(o.exitStatus, c.exitStatus) << c.args.back() << "\n" << o.err;
-    EXPECT_NE(o.err.find(c.errLine), std::string::npos) << o.err;
-  }
-}
-
-TEST(FetchletProgramTest, FilePropertiesComeFirstAndLaterOnesReplaceInPlace) {
-  const std::string pairs = WriteFile(
-      "pairs.json", R"([["STDINa","1"],["STDINb","2"],["command","cat"]])");
-  const std::string object =
-      WriteFile("object.json", R"({"STDINz":"1","STDINy":"2","command":"cat"})");
-  Outcome o = RunProgram({"run", "os", "--properties", pairs, "STDINc=3",
-                          "STDINa=9=x"});
-  EXPECT_EQ(o.out, "a=9=x\nb=2\nc=3\n") << o.err;
-  o = RunProgram({"run", "os", "--properties", object});
-  EXPECT_EQ(o.out, "z=1\ny=2\n") << o.err;
-}
-
-// The command the program started, once it runs.
-pid_t AwaitGrandchild(pid_t program) {
-  const std::string path = "/proc/" + std::to_string(program) + "/task/" +
-                           std::to_string(program) + "/children";
-  for (int attempt = 0; attempt < 500; ++attempt) {
-    std::ifstream children(path);
-    pid_t child = 0;
-    if (children >> child) return child;
+// Ctrl-C once the program's command runs. The host tracks a command only
+// once its start has returned, so the signal waits a little past the exec.
+void InterruptOnceRunning(pid_t program) {
+  const std::string children = "/proc/" + std::to_string(program) + "/task/" +
+                               std::to_string(program) + "/children";
+  for (int i = 0; i < 500; ++i) {
+    const std::string child =
+        std::to_string(std::atoi(FileBytes(children).c_str()));
+    if (FileBytes("/proc/" + child + "/cmdline").starts_with("sleep")) break;
     usleep(10000);
   }
-  return -1;
+  usleep(300000);
+  kill(program, SIGINT);
+}
+
+TEST(FetchletProgramTest, ExitStatusesAndOutputFormats) {
+  const std::string pairs = WriteFile(
+      "pairs.json", R"([["STDINa","1"],["STDINb","2"],["command","cat"]])");
+  const std::string object = WriteFile(
+      "object.json", R"({"STDINz":"1","STDINy":"2","command":"cat"})");
+  const std::string malformed = WriteFile("malformed.json", "[[\"a\"]");
+  const std::string notPairs = WriteFile("not_pairs.json", "[[\"a\", 1]]");
+  // clang-format off
+  const std::tuple<Strings, int, Text, std::string> cases[] = {
+      // The arguments, the exit status, standard output when it is checked,
+      // and a text of standard error, which holds the host log too.
+      {{"os", "--json", "command=printf 'a\\377b'", "args="}, 0,
+       "{\"status\":0,\"result\":{\"rows\":[[\"a\xEF\xBF\xBD" "b\"]],"
+       "\"warning\":null},\"exception\":null}\n", ""},
+      {{"os", "--json", "command=/x/y"}, 1,
+       "{\"status\":-1,\"result\":null,\"exception\":{\"kind\":12,"
+       "\"message\":\"/x/y: not found\"}}\n", ""},
+      {{"oslinetoken", "command=sh -c 'echo a,1; echo W:low; echo --; echo b,'",
+        "delimiter=,", "tableSeparator=--", "warningStartsWith=W:"}, 0,
+       "(table) | (table)\n  [column 0]\n    a | 1\n  [column 1]\n    b | \n"
+       "warning: low\n", ""},
+      // Properties from a file first; a later one replaces in place.
+      {{"os", "--properties", pairs, "STDINc=3", "STDINa=9=x"}, 0,
+       "a=9=x\nb=2\nc=3\n", ""},
+      {{"os", "--properties", object}, 0, "z=1\ny=2\n", ""},
+      {{"os", "command=sh -c 'echo oops >&2; exit 1'"}, 1, "",
+       "error (kind 12): oops\n"},
+      {{"os", "args=x"}, 1, "",
+       "error (kind 11): Command for fetchlet is NULL\n"},
+      {{"nosuchkind", "command=true"}, 2, "",
+       "fetchlet: unknown kind 'nosuchkind'\n"},
+      {{"os", "--no-such-option", "command=true"}, 2, "", ""},
+      {{"os", "command"}, 2, "",
+       "fetchlet: property 'command' is not NAME=VALUE\n"},
+      {{"os", "--properties", malformed}, 2, "",
+       "fetchlet: properties file " + malformed + " is not a JSON array"},
+      {{"os", "--properties", notPairs}, 2, "",
+       "fetchlet: properties file " + notPairs + " is not a JSON array"},
+      {{"os", "--properties", "/no/such/file"}, 2, "",
+       "fetchlet: cannot read properties file /no/such/file\n"},
+      {{"os", "--log-level", "loud", "command=true"}, 2, "",
+       "fetchlet: unknown log level 'loud'\n"},
+      {{"os", "--server-version", "0x4g", "command=true"}, 2, "",
+       "fetchlet: bad server version '0x4g'\n"},
+  };
+  // clang-format on
+  for (const auto& [args, exitStatus, out, errText] : cases) {
+    Strings all = {"run"};
+    all.insert(all.end(), args.begin(), args.end());
+    EXPECT_EQ(Finish(Start(all)), exitStatus) << args[1];
+    EXPECT_EQ(FileBytes(kOut), out) << args[1];
+    EXPECT_NE(FileBytes(kErr).find(errText), std::string::npos)
+        << FileBytes(kErr);
+  }
 }
 
 TEST(FetchletProgramTest, CtrlCAbortsARunWithARequestIdentifier) {
-  const std::string out = TempPath("abort.out");
-  const std::string err = TempPath("abort.err");
-  pid_t program = Start({"run", "os", "--json", "command=sleep 30",
-                         "KTDCLIENT_REQUEST_ID=ctrl-c"},
-                        out, err);
-  ASSERT_GT(AwaitGrandchild(program), 0);
-  kill(program, SIGINT);
-  Outcome o = Finish(program, out, err);
-  EXPECT_EQ(o.exitStatus, 1) << o.err;
-  EXPECT_EQ(Json::parse(o.out)["exception"],
-            Json::parse(R"({"kind":7,"message":"Metric execution aborted"})"));
+  const pid_t program = Start({"run", "os", "--json", "command=sleep 30",
+                               "KTDCLIENT_REQUEST_ID=ctrl-c"});
+  InterruptOnceRunning(program);
+  EXPECT_EQ(Finish(program), 1);
+  EXPECT_EQ(FileBytes(kOut),
+            "{\"status\":-1,\"result\":null,\"exception\":{\"kind\":7,"
+            "\"message\":\"Metric execution aborted\"}}\n");
 }
 
 TEST(FetchletProgramTest, CtrlCWithoutRequestIdentifierEndsEverything) {
-  qvetest::BecomeSubreaper();
-  const std::string out = TempPath("kill.out");
-  const std::string err = TempPath("kill.err");
-  pid_t program = Start({"run", "os", "command=sleep 30"}, out, err);
-  ASSERT_GT(AwaitGrandchild(program), 0);
-  kill(program, SIGINT);
-  EXPECT_EQ(Finish(program, out, err).exitStatus, 130);
-  EXPECT_EQ(qvetest::SurvivingChildren(), std::vector<int>{});
+  BecomeSubreaper();
+  const pid_t program = Start({"run", "os", "command=sleep 30"});
+  InterruptOnceRunning(program);
+  EXPECT_EQ(Finish(program), 130);
+  EXPECT_EQ(SurvivingChildren(), std::vector<int>{});
 }
 
 }  // namespace
+}  // namespace qvetest

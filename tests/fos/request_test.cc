@@ -3,330 +3,202 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "fos/qvefos_request.h"
-#include "qve/embedded.h"
+#include "fos/run_support.h"
 
+namespace qvetest {
 namespace {
 
 using qvehost::LogLevel;
-using Strings = std::vector<std::string>;
-using Props = std::vector<std::pair<std::string, std::string>>;
 
-// The arguments of a vector, released; checks the second null slot that a
-// line ending in a separator leaves.
-Strings TakeArguments(char** argv, bool trailing_null) {
-  Strings out;
-  for (char** slot = argv; *slot != nullptr; ++slot) out.emplace_back(*slot);
-  if (trailing_null) {
-    EXPECT_EQ(argv[out.size() + 1], nullptr);
-  }
-  qvefos_freeArguments(argv);
-  return out;
+// "KIND: MESSAGE" of an exception, which is released; "" for none.
+std::string Described(qveue_Exception* exception) {
+  if (exception == nullptr) return "";
+  const std::string text = std::to_string(qveue_Exception_getKind(exception)) +
+                           ": " + qveue_Exception_getErrorMessage(exception);
+  qveue_Exception_delete(exception);
+  return text;
 }
 
-class RequestTest : public testing::Test {
+// The tokens of a vector, which is released, each in brackets.
+std::string Tokens(char** argv) {
+  std::string tokens;
+  for (char** slot = argv; *slot != nullptr; ++slot) {
+    tokens += "[" + std::string(*slot) + "]";
+  }
+  qvefos_freeArguments(argv);
+  return tokens;
+}
+
+class RequestTest : public PluginTest {
  protected:
-  ~RequestTest() override {
-    if (exception_ != nullptr) qveue_Exception_delete(exception_);
-    qvehost::DeletePropertyList(list_);
-    qvehost::DeleteContext(context_);
-  }
-  void Set(const Props& props) {
-    for (const auto& [name, value] : props) {
-      qvehost::SetProperty(list_, name, value);
-    }
-  }
-  std::string Value(const char* name) {
-    return qvlnvlgv_getValue(list_, name);
-  }
-  void ExpectException(int32_t kind, const std::string& message) {
-    ASSERT_NE(exception_, nullptr);
-    EXPECT_EQ(qveue_Exception_getKind(exception_), kind);
-    EXPECT_EQ(qveue_Exception_getErrorMessage(exception_), message);
-  }
-
-  qvefet_Context* context_ = qvehost::NewContext();
-  qvlnv_NVList* list_ = qvehost::NewPropertyList();
-  qveue_Exception* exception_ = nullptr;
-  qvehost::LogCapture capture_;
   qveulm_LogCtx* log_ = qveulm_getLogCtx(context_->logSource, "fetchlets.os");
-};
-
-struct SplitCase {
-  const char* line;
-  Strings arguments;  // ignored when refused
-  bool refused = false;
+  qveue_Exception* exception_ = nullptr;
 };
 
 TEST_F(RequestTest, SplitsAtBlanksAndTabsOutsideQuotes) {
-  const SplitCase cases[] = {
-      {"run \"x y\" 'z w'", {"run", "x y", "z w"}},
-      {"p\"q r\"s", {"p\"q r\"s"}},
-      {"\"pq\"rs", {"pq\"r"}},
-      {"''", {""}},
-      {"'a'\"b\"", {"a'\"b"}},
-      {"\"a b\"c d", {"a b\"", "d"}},
-      {"a\nb", {"a\nb"}},
-      {"", {}},
-      {"ls ", {"ls"}},
-      {" \t a \t b\t", {"a", "b"}},
-      {"a\t'b\tc'", {"a", "b\tc"}},
-      {"echo 'it\"s'", {}, true},
-      {"'unclosed", {}, true},
-      {"x \"'\"", {}, true},
+  const std::pair<const char*, std::string> cases[] = {
+      {"run \"x y\" 'z w'", "[run][x y][z w]"},
+      {"p\"q r\"s", "[p\"q r\"s]"},
+      // A token that starts with a quote loses its first and last byte.
+      {"\"pq\"rs", "[pq\"r]"},
+      {"\"a b\"c d", "[a b\"][d]"},
+      {"''", "[]"},
+      {"", ""},
+      {" \t a \t b\t", "[a][b]"},
+      {"a\t'b\tc' d\ne", "[a][b\tc][d\ne]"},
+      // The two quote characters share one state.
+      {"echo 'it\"s'", "11: Argument 'echo 'it\"s'' has mismatch quotes"},
   };
-  for (const SplitCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    qveue_Exception* exception = nullptr;
-    char** argv = qvefos_splitArguments(c.line, &exception);
-    if (c.refused) {
-      EXPECT_EQ(argv, nullptr);
-      ASSERT_NE(exception, nullptr);
-      EXPECT_EQ(qveue_Exception_getKind(exception), QVE_EXC_BAD_REQUEST);
-      EXPECT_EQ(qveue_Exception_getErrorMessage(exception),
-                "Argument '" + std::string(c.line) + "' has mismatch quotes");
-      qveue_Exception_delete(exception);
-      continue;
-    }
-    EXPECT_EQ(exception, nullptr);
-    ASSERT_NE(argv, nullptr);
-    const std::string line(c.line);
-    const bool trailing = !line.empty() && (line.back() == ' ' ||
-                                            line.back() == '\t');
-    EXPECT_EQ(TakeArguments(argv, trailing || line.empty()), c.arguments);
+  for (const auto& [line, expected] : cases) {
+    char** argv = qvefos_splitArguments(line, &exception_);
+    EXPECT_EQ(argv != nullptr ? Tokens(argv) + Described(exception_)
+                              : Described(exception_),
+              expected);
+    exception_ = nullptr;
   }
 }
 
-TEST_F(RequestTest, SplitOfNullLineGivesOneNullSlotAndKind11) {
-  char** argv = qvefos_splitArguments(nullptr, &exception_);
-  ASSERT_NE(argv, nullptr);
-  EXPECT_EQ(argv[0], nullptr);
-  qvefos_freeArguments(argv);
-  ExpectException(QVE_EXC_BAD_REQUEST, "Command for fetchlet is NULL");
-
-  argv = qvefos_splitArguments(nullptr, nullptr);
-  ASSERT_NE(argv, nullptr);
-  qvefos_freeArguments(argv);
+TEST_F(RequestTest, SplitRefusalsAndTheirExceptions) {
+  // A null line still gives a vector: one null slot.
+  EXPECT_EQ(Tokens(qvefos_splitArguments(nullptr, &exception_)), "");
+  EXPECT_EQ(Described(exception_), "11: Command for fetchlet is NULL");
+  EXPECT_EQ(Tokens(qvefos_splitArguments(nullptr, nullptr)), "");
   EXPECT_EQ(qvefos_splitArguments("'", nullptr), nullptr);
-}
-
-TEST_F(RequestTest, MismatchMessageIsCutToItsBuffer) {
+  // The message is cut to its buffer.
   const std::string line = "'" + std::string(1000, 'x');
   EXPECT_EQ(qvefos_splitArguments(line.c_str(), &exception_), nullptr);
-  const std::string prefix = "Argument '" + line;
-  ExpectException(QVE_EXC_BAD_REQUEST, prefix.substr(0, 511));
+  EXPECT_EQ(Described(exception_),
+            "11: " + ("Argument '" + line).substr(0, 511));
+  // The second token's copy fails: the first goes with the vector.
+  qvehost::FailAllocation("qvefos", 3, false);
+  EXPECT_EQ(qvefos_splitArguments("a 'b c' d", &exception_), nullptr);
+  EXPECT_EQ(Described(exception_), "12: Unable to allocate memory");
 }
 
-TEST_F(RequestTest, SplitUnderFailingAllocationsFreesAllAndSaysKind12) {
-  const char* line = "a 'b c' d ";
-  for (uint64_t k = 1;; ++k) {
-    SCOPED_TRACE(k);
-    ASSERT_LT(k, 100u);
-    qvehost::ResetFaults();
-    qvehost::FailAllocation("qvefos", k, false);
-    qveue_Exception* exception = nullptr;
-    char** argv = qvefos_splitArguments(line, &exception);
-    const bool faulted = qvehost::AllocationCount("qvefos") >= k;
-    if (!faulted) {
-      EXPECT_EQ(TakeArguments(argv, true), (Strings{"a", "b c", "d"}));
-      break;
-    }
-    EXPECT_EQ(argv, nullptr);
-    ASSERT_NE(exception, nullptr);
-    EXPECT_EQ(qveue_Exception_getKind(exception), QVE_EXC_RUN_FAILED);
-    EXPECT_STREQ(qveue_Exception_getErrorMessage(exception),
-                 "Unable to allocate memory");
-    qveue_Exception_delete(exception);
-    EXPECT_TRUE(qvehost::LiveBlocks("qvefos").empty());
-  }
-}
-
-struct CommandCase {
-  Props props;
-  std::string line;
-  std::string command_after;
-};
-
-TEST_F(RequestTest, CommandLineIsTrimmedInPlaceAndExtended) {
-  const CommandCase cases[] = {
+TEST_F(RequestTest, CommandLineIsTrimmedInPlaceAndExtendedOrRefused) {
+  // clang-format off
+  const std::tuple<Props, std::string, std::string> cases[] = {
+      // The properties, the line or exception, the command property after.
       {{{"command", "  ls -l \n"}}, "ls -l", "  ls -l"},
-      {{{"command", "\tcmd\t\n "}}, "cmd", "\tcmd"},
       {{{"command", "ls"}, {"args", ""}}, "ls ", "ls"},
-      {{{"command", "ls"}, {"script", ""}}, "ls ", "ls"},
-      {{{"args", "-a"}, {"command", "ls "}, {"script", "s.sh"}},
-       "ls s.sh -a",
-       "ls"},
+      {{{"args", "-a"}, {"command", "ls\t"}, {"script", "s"}}, "ls s -a", "ls"},
       {{{"command", " \n\t "}}, "", " \n\t "},
+      {{{"command", ""}}, "11: Command for fetchlet is NULL", ""},
+      {{{"args", "x"}}, "11: Command for fetchlet is NULL", "(absent)"},
   };
-  for (const CommandCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    qvehost::DeletePropertyList(list_);
-    list_ = qvehost::NewPropertyList();
-    Set(c.props);
+  // clang-format on
+  for (const auto& [props, expected, commandAfter] : cases) {
+    const auto list = NewList(props);
     char* line = nullptr;
-    ASSERT_EQ(qvefos::BuildCommandLine(list_, log_, &line, &exception_), 0);
-    ASSERT_NE(line, nullptr);
-    EXPECT_EQ(line, c.line);
-    EXPECT_EQ(Value("command"), c.command_after);
-    qve_free0(line, "test", __LINE__);
-    EXPECT_EQ(exception_, nullptr);
+    if (qvefos::BuildCommandLine(list.get(), log_, &line, &exception_) == 0) {
+      EXPECT_EQ(line, expected);
+      qve_free0(line, "tests", __LINE__);
+    } else {
+      EXPECT_EQ(Described(exception_), expected);
+      EXPECT_EQ(line, nullptr);
+      // Without a slot the refusal is the status alone.
+      EXPECT_EQ(qvefos::BuildCommandLine(list.get(), log_, &line, nullptr), -1);
+    }
+    const char* command = qvlnvlgv_getValue(list.get(), "command");
+    EXPECT_EQ(command != nullptr ? command : "(absent)", commandAfter);
   }
-}
-
-TEST_F(RequestTest, TrimmedCommandSplitsIntoProgramAndArgument) {
-  Set({{"command", "  ls -l \n"}});
-  char* line = nullptr;
-  ASSERT_EQ(qvefos::BuildCommandLine(list_, log_, &line, nullptr), 0);
-  EXPECT_EQ(TakeArguments(qvefos_splitArguments(line, nullptr), false),
-            (Strings{"ls", "-l"}));
-  qve_free0(line, "test", __LINE__);
-}
-
-TEST_F(RequestTest, AbsentOrEmptyCommandIsRefused) {
-  char* line = nullptr;
-  EXPECT_EQ(qvefos::BuildCommandLine(list_, log_, &line, nullptr), -1);
-  EXPECT_EQ(qvefos::BuildCommandLine(list_, log_, &line, &exception_), -1);
-  EXPECT_EQ(line, nullptr);
-  ExpectException(QVE_EXC_BAD_REQUEST, "Command for fetchlet is NULL");
-  qveue_Exception_delete(exception_);
-  exception_ = nullptr;
-
-  Set({{"command", ""}, {"args", "x"}});
-  EXPECT_EQ(qvefos::BuildCommandLine(list_, log_, &line, &exception_), -1);
-  ExpectException(QVE_EXC_BAD_REQUEST, "Command for fetchlet is NULL");
-}
-
-TEST_F(RequestTest, CommandLineWithoutMemoryLogsAndGivesKind12) {
-  Set({{"command", "ls"}});
+  const auto list = NewList({{"command", "ls"}});
   qvehost::FailAllocation("qvefos", 1, false);
   char* line = nullptr;
-  EXPECT_EQ(qvefos::BuildCommandLine(list_, log_, &line, &exception_), -1);
-  EXPECT_EQ(line, nullptr);
-  ExpectException(QVE_EXC_RUN_FAILED, "Unable to allocate memory");
-  EXPECT_EQ(capture_.Texts(LogLevel::kError, "fetchlets.os"),
+  EXPECT_EQ(qvefos::BuildCommandLine(list.get(), log_, &line, &exception_), -1);
+  EXPECT_EQ(Described(exception_), "12: Unable to allocate memory");
+  EXPECT_EQ(Logged(LogLevel::kError),
             Strings{"Memory could not be allocated\n"});
 }
 
 TEST_F(RequestTest, TimeLimitReadsLikeStrtolAndSaturates) {
-  const std::pair<std::optional<std::string>, int32_t> cases[] = {
-      {std::nullopt, -1},
-      {"", -1},
-      {"30", 30},
-      {"30s", 30},
-      {"abc", 0},
-      {" ", 0},
-      {"- 5", 0},
-      {" \t\n-5", -5},
-      {"+7", 7},
-      {"0", 0},
-      {"2147483647", INT32_MAX},
-      {"99999999999999999999", INT32_MAX},
-      {"-2147483648", INT32_MIN},
-      {"-99999999999999999999", INT32_MIN},
+  // clang-format off
+  const std::pair<Text, int32_t> cases[] = {
+      {std::nullopt, -1}, {"", -1}, {"30s", 30}, {"abc", 0}, {"- 5", 0},
+      {" \t\n-5", -5}, {"+7", 7}, {"-2147483648", INT32_MIN},
+      {"99999999999999999999", INT32_MAX}, {"-99999999999999999999", INT32_MIN},
   };
+  // clang-format on
   for (const auto& [value, seconds] : cases) {
-    SCOPED_TRACE(value.value_or("(absent)"));
-    qvehost::DeletePropertyList(list_);
-    list_ = qvehost::NewPropertyList();
-    if (value) Set({{"KT_METRIC_TIMEOUT", *value}});
-    EXPECT_EQ(qvefos::ReadTimeoutSeconds(list_), seconds);
+    const auto list =
+        NewList(value ? Props{{"KT_METRIC_TIMEOUT", *value}} : Props{});
+    EXPECT_EQ(qvefos::ReadTimeoutSeconds(list.get()), seconds)
+        << value.value_or("(absent)");
   }
 }
 
 TEST_F(RequestTest, RequestIdPointsIntoTheListAndIsLogged) {
-  EXPECT_EQ(qvefos::ReadRequestId(list_, log_), nullptr);
-  Set({{"KTDCLIENT_REQUEST_ID", ""}});
-  EXPECT_EQ(qvefos::ReadRequestId(list_, log_), nullptr);
-  Set({{"KTDCLIENT_REQUEST_ID", "r-17"}});
-  EXPECT_EQ(qvefos::ReadRequestId(list_, log_),
-            qvlnvlgv_getValue(list_, "KTDCLIENT_REQUEST_ID"));
-  EXPECT_EQ(capture_.Texts(LogLevel::kDebug, "fetchlets.os"),
-            (Strings{"Request ID not found", "Request ID not found",
-                     "Metric evaluation for KTD request ID  r-17"}));
+  for (const char* id : {"", "r-17"}) {
+    const auto list = NewList({{"KTDCLIENT_REQUEST_ID", id}});
+    EXPECT_EQ(
+        qvefos::ReadRequestId(list.get(), log_),
+        *id ? qvlnvlgv_getValue(list.get(), "KTDCLIENT_REQUEST_ID") : nullptr);
+  }
+  EXPECT_EQ(qvefos::ReadRequestId(NewList({}).get(), log_), nullptr);
+  EXPECT_EQ(Logged(LogLevel::kDebug),
+            (Strings{"Request ID not found",
+                     "Metric evaluation for KTD request ID  r-17",
+                     "Request ID not found"}));
 }
-
-struct RunnerCase {
-  Props props;
-  qvefos::Runner runner;
-};
 
 TEST_F(RequestTest, RunnerChoiceFollowsIsSecureCommandAndCredentials) {
   using qvefos::Runner;
-  const RunnerCase cases[] = {
+  // clang-format off
+  const std::pair<Props, Runner> cases[] = {
       {{}, Runner::kPlain},
       {{{"isSecureCommand", "yes"}, {"username", "u"}}, Runner::kPlain},
-      {{{"isSecureCommand", "FALSE"}}, Runner::kPlain},
       {{{"isSecureCommand", "TRUE"}, {"username", "u"}, {"password", "p"}},
        Runner::kAuthenticated},
       {{{"isSecureCommand", "true"}, {"username", ""}, {"password", ""}},
        Runner::kAuthenticated},
       {{{"isSecureCommand", "TrUe"}, {"username", "u"}},
        Runner::kMissingCredentials},
-      {{{"isSecureCommand", "TRUE"}, {"password", "p"}},
-       Runner::kMissingCredentials},
   };
-  for (const RunnerCase& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.props));
-    qvehost::DeletePropertyList(list_);
-    list_ = qvehost::NewPropertyList();
-    Set(c.props);
+  // clang-format on
+  for (const auto& [props, runner] : cases) {
+    SCOPED_TRACE(testing::PrintToString(props));
+    const auto list = NewList(props);
     capture_.Clear();
-    const qvefos::RunnerChoice choice = qvefos::ChooseRunner(list_, log_);
-    EXPECT_EQ(choice.runner, c.runner);
-    const bool authenticated = c.runner == Runner::kAuthenticated;
+    const qvefos::RunnerChoice choice = qvefos::ChooseRunner(list.get(), log_);
+    EXPECT_EQ(choice.runner, runner);
+    const bool given = runner == Runner::kAuthenticated;
     EXPECT_EQ(choice.username,
-              authenticated ? qvlnvlgv_getValue(list_, "username") : nullptr);
+              given ? qvlnvlgv_getValue(list.get(), "username") : nullptr);
     EXPECT_EQ(choice.password,
-              authenticated ? qvlnvlgv_getValue(list_, "password") : nullptr);
-    Strings errors;
-    if (c.runner == Runner::kMissingCredentials) {
-      errors.emplace_back(
-          "Error running secure command. Either username or password isn't "
-          "provided while isSecureCommand is set to TRUE.");
-    }
-    EXPECT_EQ(capture_.Texts(LogLevel::kError), errors);
+              given ? qvlnvlgv_getValue(list.get(), "password") : nullptr);
+    EXPECT_EQ(Logged(LogLevel::kError),
+              Strings(runner == Runner::kMissingCredentials ? 1 : 0,
+                      "Error running secure command. Either username or "
+                      "password isn't provided while isSecureCommand is set "
+                      "to TRUE."));
   }
 }
 
-struct StdinCase {
-  Props props;
-  std::optional<std::string> text;
-};
-
 TEST_F(RequestTest, StdinTextHasOneLinePerPropertyWithMarkers) {
-  const StdinCase cases[] = {
+  // clang-format off
+  const std::pair<Props, Text> cases[] = {
       {{{"command", "x"}, {"stdinA", "1"}, {"XSTDIN", "2"}}, std::nullopt},
-      {{{"STDINuser", "alice"},
-        {"command", "x"},
-        {"STDINquery", "line one\nline two"}},
-       "user=alice\nquery=__BeginProp__\nline one\nline two\n__EndProp__\n"},
-      {{{"STDIN", "x\n"}}, "=__BeginProp__\nx\n\n__EndProp__\n"},
-      {{{"STDINa", ""}, {"STDINb", "b=c"}}, "a=\nb=b=c\n"},
+      {{{"STDINuser", "alice"}, {"command", "x"}, {"STDINq", "one\ntwo"}},
+       "user=alice\nq=__BeginProp__\none\ntwo\n__EndProp__\n"},
+      {{{"STDINa", ""}, {"STDINb", "b=c"}, {"STDIN", "x\n"}},
+       "a=\nb=b=c\n=__BeginProp__\nx\n\n__EndProp__\n"},
   };
-  for (const StdinCase& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.props));
-    qvehost::DeletePropertyList(list_);
-    list_ = qvehost::NewPropertyList();
-    Set(c.props);
-    capture_.Clear();
-    qveusb_StringBuffer* buffer = qvefos_getStdinParameters(list_, log_);
-    EXPECT_EQ(capture_.Texts(LogLevel::kTrace, "fetchlets.os"),
-              Strings{"qvefos : Entering function - "
-                      "qvefos_getStdinParameters\n"});
-    if (!c.text) {
-      EXPECT_EQ(buffer, nullptr);
-      continue;
-    }
-    ASSERT_NE(buffer, nullptr);
-    EXPECT_EQ(qveusb_StringBuffer_getBuffer(buffer), *c.text);
-    qveusb_StringBuffer_delete(buffer);
+  // clang-format on
+  for (const auto& [props, text] : cases) {
+    const auto list = NewList(props);
+    qveusb_StringBuffer* buffer = qvefos_getStdinParameters(list.get(), log_);
+    EXPECT_EQ(buffer != nullptr ? Text(qveusb_StringBuffer_getBuffer(buffer))
+                                : std::nullopt,
+              text);
+    if (buffer != nullptr) qveusb_StringBuffer_delete(buffer);
   }
+  EXPECT_EQ(Logged(LogLevel::kTrace, "fetchlets.os"),
+            Strings(3,
+                    "qvefos : Entering function - "
+                    "qvefos_getStdinParameters\n"));
 }
 
 }  // namespace
+}  // namespace qvetest
