@@ -17,9 +17,11 @@ void Watch(sigset_t signals, std::string requestId) {
   for (;;) {
     int signal = 0;
     if (sigwait(&signals, &signal) != 0) continue;
-    if (!abortSent && !requestId.empty()) {
+    // The first interrupt ends the run gently; one that no run could take
+    // (not registered yet, or over) stops everything at once.
+    if (!abortSent && !requestId.empty() &&
+        qvehost::AbortRequest(requestId)) {
       abortSent = true;
-      qvehost::AbortRequest(requestId);
       continue;
     }
     qvehost::KillRunningCommands();

@@ -15,6 +15,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <csignal>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -97,6 +98,11 @@ class ChildProcess final : public StreamSource {
   bool ReadyWithoutWait(uint32_t kind) const override;
   int PollFd(uint32_t kind) const override;
 
+ // The group's stop signal: the one set for this child, else SIGKILL.
+  void SendStop() {
+    SignalGroup(stop_signal_ != 0 ? stop_signal_ : SIGKILL);
+  }
+
  private:
   struct Output {
     int fd = -1;
@@ -113,8 +119,6 @@ class ChildProcess final : public StreamSource {
   bool Reap(bool block);
   void CloseAll();
 
-  friend void StopRunningChildren();
-
   pid_t pid_ = 0;
   bool reaped_ = false;
   int stop_signal_ = 0;
@@ -127,8 +131,11 @@ class ChildProcess final : public StreamSource {
 
 // Sends every started, unreaped child's group its stop signal.
 void StopRunningChildren();
-// Book-keeping of the children StopRunningChildren reaches.
-void TrackRunning(ChildProcess* child);
+// Book-keeping of the children StopRunningChildren reaches. A child is
+// tracked only once it exists: TrackRunning signals it at once when a stop
+// came after StopCount gave stops_before, while it was being started.
+uint64_t StopCount();
+void TrackRunning(ChildProcess* child, uint64_t stops_before);
 void ForgetRunning(ChildProcess* child);
 
 }  // namespace qvehost::internal

@@ -303,6 +303,7 @@ int ChildProcess::Start(const SpawnRequest& request) {
     parent[i] = fds[1 - child_end];
   }
   pid_t pid = 0;
+  const uint64_t stops_before = StopCount();
   if (error == 0) error = SpawnChild(request, child, floor, &pid);
   for (int& fd : child) CloseDescriptor(fd);
   if (error != 0) {
@@ -310,7 +311,7 @@ int ChildProcess::Start(const SpawnRequest& request) {
     return error;
   }
   pid_ = pid;
-  TrackRunning(this);
+  TrackRunning(this, stops_before);
   stdin_fd_ = parent[0];
   stdout_.fd = parent[1];
   stdout_.piped = parent[1] >= 0;

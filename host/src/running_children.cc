@@ -1,6 +1,8 @@
 // The children the host has started and not yet reaped, so that a program
 // being interrupted can end them all.
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <mutex>
 #include <unordered_set>
 
@@ -20,15 +22,21 @@ std::unordered_set<ChildProcess*>& Running() {
   return *running;
 }
 
+// Stops so far; written under the running mutex.
+std::atomic<uint64_t> g_stops{0};
+
 }  // namespace
 
-void TrackRunning(ChildProcess* child) {
+uint64_t StopCount() { return g_stops.load(); }
+
+void TrackRunning(ChildProcess* child, uint64_t stops_before) {
   std::lock_guard lock(RunningMutex());
   try {
     Running().insert(child);
   } catch (const std::bad_alloc&) {
     // Only the emergency stop misses this child.
   }
+  if (g_stops.load() != stops_before) child->SendStop();
 }
 
 void ForgetRunning(ChildProcess* child) {
@@ -38,9 +46,8 @@ void ForgetRunning(ChildProcess* child) {
 
 void StopRunningChildren() {
   std::lock_guard lock(RunningMutex());
-  for (ChildProcess* child : Running()) {
-    child->SignalGroup(child->stop_signal_ != 0 ? child->stop_signal_ : SIGKILL);
-  }
+  g_stops.fetch_add(1);
+  for (ChildProcess* child : Running()) child->SendStop();
 }
 
 }  // namespace qvehost::internal
