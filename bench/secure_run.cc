@@ -91,12 +91,11 @@ bool SetUp(Bench* bench) {
   }
   const std::string permit = ShareFile("fetchlet-launch-permit.pam");
   if (mkdir(bench->pam_dir.c_str(), 0755) != 0 ||
-      !CopyFile(permit, bench->pam_dir + "/permit")) {
+      !CopyFile(permit, bench->pam_dir + "/permit") ||
+      !CopyFile(ShareFile("fetchlet-launch-other.pam"),
+                bench->pam_dir + "/other")) {
     return false;
   }
-  std::ofstream(bench->pam_dir + "/other")
-      << "auth required pam_deny.so\naccount required pam_deny.so\n"
-         "password required pam_deny.so\nsession required pam_deny.so\n";
   std::ofstream(bench->config[kPermit])
       << "service = permit\npam_dir = " << bench->pam_dir << "\n";
   std::ofstream(bench->config[kPermitSite])

@@ -98,7 +98,7 @@ class ChildProcess final : public StreamSource {
   bool ReadyWithoutWait(uint32_t kind) const override;
   int PollFd(uint32_t kind) const override;
 
- // The group's stop signal: the one set for this child, else SIGKILL.
+  // The group's stop signal: the one set for this child, else SIGKILL.
   void SendStop() {
     SignalGroup(stop_signal_ != 0 ? stop_signal_ : SIGKILL);
   }
