@@ -8,11 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <new>
+
+#include "qve/embedded.h"
 
 namespace qvehost::internal {
 namespace {
@@ -284,3 +287,13 @@ void ChildProcess::CloseAll() {
 }
 
 }  // namespace qvehost::internal
+
+namespace qvehost {
+namespace {
+std::atomic<uint64_t> g_output_limit{64ull << 20};
+}  // namespace
+
+void SetOutputLimit(uint64_t bytes) { g_output_limit.store(bytes); }
+uint64_t OutputLimit() { return g_output_limit.load(); }
+
+}  // namespace qvehost

@@ -1,5 +1,6 @@
 // Request assembly: argument splitting, the command line, the time limit,
-// the request identifier, the runner choice and the standard-input text.
+// the request identifier, the runner choice, the standard-input text and
+// the environment.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -21,60 +22,52 @@ std::string Described(qveue_Exception* exception) {
   return text;
 }
 
-// The tokens of a vector, which is released, each in brackets.
-std::string Tokens(char** argv) {
-  std::string tokens;
-  for (char** slot = argv; *slot != nullptr; ++slot) {
-    tokens += "[" + std::string(*slot) + "]";
-  }
-  qvefos_freeArguments(argv);
-  return tokens;
-}
-
 class RequestTest : public PluginTest {
  protected:
+  // The tokens of line, each in brackets ("null" for no vector), then the
+  // exception.
+  static std::string Split(const char* line) {
+    qveue_Exception* exception = nullptr;
+    char** argv = qvefos_splitArguments(line, &exception);
+    std::string tokens = argv != nullptr ? "" : "null ";
+    for (char** slot = argv; slot != nullptr && *slot != nullptr; ++slot) {
+      tokens += "[" + std::string(*slot) + "]";
+    }
+    if (argv != nullptr) qvefos_freeArguments(argv);
+    return tokens + Described(exception);
+  }
   qveulm_LogCtx* log_ = qveulm_getLogCtx(context_->logSource, "fetchlets.os");
   qveue_Exception* exception_ = nullptr;
 };
 
 TEST_F(RequestTest, SplitsAtBlanksAndTabsOutsideQuotes) {
+  const std::string longLine = "'" + std::string(1000, 'x');
+  // clang-format off
   const std::pair<const char*, std::string> cases[] = {
       {"run \"x y\" 'z w'", "[run][x y][z w]"},
       {"p\"q r\"s", "[p\"q r\"s]"},
       // A token that starts with a quote loses its first and last byte.
       {"\"pq\"rs", "[pq\"r]"},
-      {"\"a b\"c d", "[a b\"][d]"},
       {"''", "[]"},
       {"", ""},
       {" \t a \t b\t", "[a][b]"},
       {"a\t'b\tc' d\ne", "[a][b\tc][d\ne]"},
       // The two quote characters share one state.
-      {"echo 'it\"s'", "11: Argument 'echo 'it\"s'' has mismatch quotes"},
+      {"echo 'it\"s'", "null 11: Argument 'echo 'it\"s'' has mismatch quotes"},
+      // A null line still gives a vector.
+      {nullptr, "11: Command for fetchlet is NULL"},
+      // The message is cut to its buffer.
+      {longLine.c_str(),
+       "null 11: " + ("Argument '" + longLine).substr(0, 511)},
   };
+  // clang-format on
   for (const auto& [line, expected] : cases) {
-    char** argv = qvefos_splitArguments(line, &exception_);
-    EXPECT_EQ(argv != nullptr ? Tokens(argv) + Described(exception_)
-                              : Described(exception_),
-              expected);
-    exception_ = nullptr;
+    EXPECT_EQ(Split(line), expected) << (line ? line : "(null)");
   }
-}
-
-TEST_F(RequestTest, SplitRefusalsAndTheirExceptions) {
-  // A null line still gives a vector: one null slot.
-  EXPECT_EQ(Tokens(qvefos_splitArguments(nullptr, &exception_)), "");
-  EXPECT_EQ(Described(exception_), "11: Command for fetchlet is NULL");
-  EXPECT_EQ(Tokens(qvefos_splitArguments(nullptr, nullptr)), "");
   EXPECT_EQ(qvefos_splitArguments("'", nullptr), nullptr);
-  // The message is cut to its buffer.
-  const std::string line = "'" + std::string(1000, 'x');
-  EXPECT_EQ(qvefos_splitArguments(line.c_str(), &exception_), nullptr);
-  EXPECT_EQ(Described(exception_),
-            "11: " + ("Argument '" + line).substr(0, 511));
   // The second token's copy fails: the first goes with the vector.
   qvehost::FailAllocation("qvefos", 3, false);
-  EXPECT_EQ(qvefos_splitArguments("a 'b c' d", &exception_), nullptr);
-  EXPECT_EQ(Described(exception_), "12: Unable to allocate memory");
+  EXPECT_EQ(Split("a 'b c' d"), "null 12: Unable to allocate memory");
 }
 
 TEST_F(RequestTest, CommandLineIsTrimmedInPlaceAndExtendedOrRefused) {
@@ -113,12 +106,12 @@ TEST_F(RequestTest, CommandLineIsTrimmedInPlaceAndExtendedOrRefused) {
             Strings{"Memory could not be allocated\n"});
 }
 
-TEST_F(RequestTest, TimeLimitReadsLikeStrtolAndSaturates) {
+TEST_F(RequestTest, TimeLimitAndRequestId) {
   // clang-format off
   const std::pair<Text, int32_t> cases[] = {
       {std::nullopt, -1}, {"", -1}, {"30s", 30}, {"abc", 0}, {"- 5", 0},
-      {" \t\n-5", -5}, {"+7", 7}, {"-2147483648", INT32_MIN},
-      {"99999999999999999999", INT32_MAX}, {"-99999999999999999999", INT32_MIN},
+      {" \t\n-5", -5}, {"99999999999999999999", INT32_MAX},
+      {"-99999999999999999999", INT32_MIN},
   };
   // clang-format on
   for (const auto& [value, seconds] : cases) {
@@ -127,19 +120,15 @@ TEST_F(RequestTest, TimeLimitReadsLikeStrtolAndSaturates) {
     EXPECT_EQ(qvefos::ReadTimeoutSeconds(list.get()), seconds)
         << value.value_or("(absent)");
   }
-}
-
-TEST_F(RequestTest, RequestIdPointsIntoTheListAndIsLogged) {
-  for (const char* id : {"", "r-17"}) {
-    const auto list = NewList({{"KTDCLIENT_REQUEST_ID", id}});
-    EXPECT_EQ(
-        qvefos::ReadRequestId(list.get(), log_),
-        *id ? qvlnvlgv_getValue(list.get(), "KTDCLIENT_REQUEST_ID") : nullptr);
-  }
-  EXPECT_EQ(qvefos::ReadRequestId(NewList({}).get(), log_), nullptr);
+  // The identifier points into the list; an empty one is none.
+  const auto list = NewList({{"KTDCLIENT_REQUEST_ID", "r-17"}});
+  EXPECT_EQ(qvefos::ReadRequestId(list.get(), log_),
+            qvlnvlgv_getValue(list.get(), "KTDCLIENT_REQUEST_ID"));
+  EXPECT_EQ(qvefos::ReadRequestId(NewList({{"KTDCLIENT_REQUEST_ID", ""}}).get(),
+                                  log_),
+            nullptr);
   EXPECT_EQ(Logged(LogLevel::kDebug),
-            (Strings{"Request ID not found",
-                     "Metric evaluation for KTD request ID  r-17",
+            (Strings{"Metric evaluation for KTD request ID  r-17",
                      "Request ID not found"}));
 }
 
@@ -147,7 +136,6 @@ TEST_F(RequestTest, RunnerChoiceFollowsIsSecureCommandAndCredentials) {
   using qvefos::Runner;
   // clang-format off
   const std::pair<Props, Runner> cases[] = {
-      {{}, Runner::kPlain},
       {{{"isSecureCommand", "yes"}, {"username", "u"}}, Runner::kPlain},
       {{{"isSecureCommand", "TRUE"}, {"username", "u"}, {"password", "p"}},
        Runner::kAuthenticated},
@@ -158,16 +146,9 @@ TEST_F(RequestTest, RunnerChoiceFollowsIsSecureCommandAndCredentials) {
   };
   // clang-format on
   for (const auto& [props, runner] : cases) {
-    SCOPED_TRACE(testing::PrintToString(props));
-    const auto list = NewList(props);
     capture_.Clear();
-    const qvefos::RunnerChoice choice = qvefos::ChooseRunner(list.get(), log_);
-    EXPECT_EQ(choice.runner, runner);
-    const bool given = runner == Runner::kAuthenticated;
-    EXPECT_EQ(choice.username,
-              given ? qvlnvlgv_getValue(list.get(), "username") : nullptr);
-    EXPECT_EQ(choice.password,
-              given ? qvlnvlgv_getValue(list.get(), "password") : nullptr);
+    EXPECT_EQ(qvefos::ChooseRunner(NewList(props).get(), log_).runner, runner)
+        << testing::PrintToString(props);
     EXPECT_EQ(Logged(LogLevel::kError),
               Strings(runner == Runner::kMissingCredentials ? 1 : 0,
                       "Error running secure command. Either username or "
@@ -194,10 +175,73 @@ TEST_F(RequestTest, StdinTextHasOneLinePerPropertyWithMarkers) {
               text);
     if (buffer != nullptr) qveusb_StringBuffer_delete(buffer);
   }
-  EXPECT_EQ(Logged(LogLevel::kTrace, "fetchlets.os"),
-            Strings(3,
-                    "qvefos : Entering function - "
-                    "qvefos_getStdinParameters\n"));
+}
+
+// The entries built from props, released; none for a null environment.
+Strings BuildFrom(const Props& props) {
+  const auto list = NewList(props);
+  char** envp = qvefos_buildEnvironment(list.get());
+  Strings entries;
+  for (char** slot = envp; slot != nullptr && *slot != nullptr; ++slot) {
+    entries.emplace_back(*slot);
+  }
+  EXPECT_TRUE(envp == nullptr || !entries.empty()) << "empty but not null";
+  qvefos_freeEnvironment(&envp);
+  EXPECT_EQ(envp, nullptr);
+  return entries;
+}
+
+TEST(EnvironmentTest, PropertyEntriesThenTheBlocksNewNames) {
+  // clang-format off
+  const std::pair<Props, Strings> cases[] = {
+      // Properties in list order, never compared with each other.
+      {{{"ENVB", "2"}, {"command", "c"}, {"ENVA", ""}, {"ENV", "x"}},
+       {"B=2", "A=", "=x"}},
+      {{{"KTAgentConditionContextId", "7"},
+        {"ENVKTAgentConditionContextId", "1"}},
+       {"KTAgentConditionContextId=7", "KTAgentConditionContextId=1"}},
+      {{{"ENV_ARRAYX", "v"}, {"env", "1"}, {"KTAgentCondition", "3"}},
+       {"_ARRAYX=v"}},
+      // The block adds, in its order, the first pair of each name that no
+      // entry holds yet; names compare whole and with their case.
+      {{{"ENV_ARRAY", "{PATH=/x}{PATHX=1}{path=2}{A=1}{A=2}"},
+        {"ENVPATH", "/y"}},
+       {"PATH=/y", "PATHX=1", "path=2", "A=1"}},
+      {{{"ENV_ARRAY", "  {A=x=y}, {B=} junk{=v}"}}, {"A=x=y", "B=", "=v"}},
+      {{{"ENV_ARRAY", "{A=1"}}, {"A=1"}},
+      {{{"ENV_ARRAY", "A=1"}}, {}},
+      // Braces that nest or do not balance, read as the groups fall; a
+      // group with no "=" after it yields nothing.
+      {{{"ENV_ARRAY", "{A}{B=1}"}}, {"A}{B=1"}},
+      {{{"ENV_ARRAY", "}{{A=1}}{B=2}"}}, {"{A=1", "B=2"}},
+      {{{"ENV_ARRAY", "{A=1}{B}"}}, {"A=1"}},
+  };
+  // clang-format on
+  for (const auto& [props, entries] : cases) {
+    EXPECT_EQ(BuildFrom(props), entries) << testing::PrintToString(props);
+  }
+}
+
+TEST(EnvironmentTest, EachAllocationFailureIsToldOnStandardError) {
+  const Props props = {{"ENVA", "1"}, {"ENV_ARRAY", "{C=3}"}};
+  // In order: entry A, the pair table, the block's copy, name C, value 3,
+  // entry C, the array.
+  const std::pair<uint64_t, std::string> cases[] = {
+      {1, "qvefos: Memory allocation error for ENVA\n"},
+      {2, "qvefos: Memory allocation error for ENV_ARRAY\n"},
+      {4, "qvefos: Memory allocation error for C\n"},
+      {6, "qvefos: Memory allocation error for C\n"},
+      {7, "qvefos: Could not create array of strings for return"},
+      {8, ""},
+  };
+  for (const auto& [k, told] : cases) {
+    qvehost::ResetFaults();
+    qvehost::FailAllocation("qvefos", k, false);
+    testing::internal::CaptureStderr();
+    const size_t entries = BuildFrom(props).size();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), told) << k;
+    EXPECT_EQ(entries, told.empty() ? 2u : 0u) << k;
+  }
 }
 
 }  // namespace

@@ -1,21 +1,23 @@
-// Running commands and metrics through the plug-in from tests, with the
-// outcomes as values that compare whole.
+// Running commands and metrics through the plug-in from tests, with every
+// outcome as one JSON value that compares and prints whole.
 #ifndef QVE_TESTS_FOS_RUN_SUPPORT_H_
 #define QVE_TESTS_FOS_RUN_SUPPORT_H_
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
-#include <set>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "common/test_account.h"
+#include "fos/qvefos_driver.h"
+#include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
 
 namespace qvetest {
@@ -27,8 +29,14 @@ using Table = std::vector<Strings>;
 using Text = std::optional<std::string>;  // nullopt: a null text
 
 // A host property list holding props in order.
-using PropertyList = std::unique_ptr<qvlnv_NVList, void (*)(qvlnv_NVList*)>;
-PropertyList NewList(const Props& props);
+inline auto NewList(const Props& props) {
+  std::unique_ptr<qvlnv_NVList, void (*)(qvlnv_NVList*)> list(
+      qvehost::NewPropertyList(), qvehost::DeletePropertyList);
+  for (const auto& [name, value] : props) {
+    qvehost::SetProperty(list.get(), name, value);
+  }
+  return list;
+}
 
 // A context and a capture of every log line, for most tests.
 class PluginTest : public testing::Test {
@@ -42,17 +50,62 @@ class PluginTest : public testing::Test {
 };
 
 // A host-allocated text, released; nullopt for null.
-Text TakeText(char* text);
+inline Text TakeText(char* text) {
+  if (text == nullptr) return std::nullopt;
+  std::string copy(text);
+  qve_free0(text, "tests", 0);
+  return copy;
+}
 
-// What the plain runner or the local metric driver handed back.
-struct RunOutcome {
-  int32_t status = 0;
-  Text out = {}, err = {};
-  int32_t kind = 0;  // 0: no exception
-  std::string message = {};
-  bool operator==(const RunOutcome&) const = default;
-};
-void PrintTo(const RunOutcome& outcome, std::ostream* os);
+// {"status", "result"}, plus "kind" and "message" of an exception; the
+// result and the exception are released.
+inline Json Outcome(int32_t status, qvedrmr_MetricResult* result,
+                    qveue_Exception* exception) {
+  Json outcome = {{"status", status}, {"result", nullptr}};
+  if (result != nullptr) {
+    outcome["result"] = qvehost::ResultToJson(result);
+    qvedrmr_MetricResult_delete(result);
+  }
+  if (exception != nullptr) {
+    outcome["kind"] = qveue_Exception_getKind(exception);
+    outcome["message"] = qveue_Exception_getErrorMessage(exception);
+    qveue_Exception_delete(exception);
+  }
+  return outcome;
+}
+
+// The result of the runner and the local driver: {"out", "err"}, or null
+// when both texts are null.
+inline Json Texts(const Text& out, const Text& err) {
+  if (!out && !err) return nullptr;
+  auto text = [](const Text& t) { return t ? Json(*t) : Json(); };
+  return {{"out", text(out)}, {"err", text(err)}};
+}
+inline Json TextsOutcome(int32_t status, char* out, char* err,
+                         qveue_Exception* exception) {
+  Json outcome = Outcome(status, nullptr, exception);
+  outcome["result"] = Texts(TakeText(out), TakeText(err));
+  return outcome;
+}
+
+// Host-allocated strings, as the runner takes argv (it replaces argv[0]);
+// null for none. Released by the deleter.
+inline auto NewStrings(const Strings& strings) {
+  auto release = [](char** array) {
+    for (char** s = array; s != nullptr && *s != nullptr; ++s) {
+      qve_free0(*s, "tests", 0);
+    }
+    if (array != nullptr) qve_free0(array, "tests", 0);
+  };
+  std::unique_ptr<char*, decltype(release)> array(nullptr, release);
+  if (strings.empty()) return array;
+  array.reset(static_cast<char**>(
+      qve_alloc0((strings.size() + 1) * sizeof(char*), "tests", __LINE__)));
+  for (size_t i = 0; i < strings.size(); ++i) {
+    array.get()[i] = qve_allocpy0(strings[i].c_str(), "tests", __LINE__);
+  }
+  return array;
+}
 
 struct RunOptions {
   Strings env = {};  // empty: a null environment
@@ -62,36 +115,64 @@ struct RunOptions {
   int32_t separateErrorStream = 0;
   bool withExceptionSlot = true;
 };
-
 // qvefos_executeCommand on args, or on "/bin/sh -c script".
-RunOutcome RunCommand(qvefet_Context* context, const Strings& args,
-                      const RunOptions& options = {});
-inline RunOutcome RunShell(qvefet_Context* context, const std::string& script,
-                           const RunOptions& options = {}) {
+inline Json RunCommand(qvefet_Context* context, const Strings& args,
+                       const RunOptions& o = {}) {
+  char *out = nullptr, *err = nullptr;
+  qveue_Exception* exception = nullptr;
+  const int32_t status = qvefos_executeCommand(
+      context, NewStrings(args).get(), NewStrings(o.env).get(),
+      o.stdinText ? o.stdinText->c_str() : nullptr, o.timeoutSeconds,
+      o.requestId, o.separateErrorStream, &out, &err,
+      o.withExceptionSlot ? &exception : nullptr,
+      qveulm_getLogCtx(context->logSource, "fetchlets.os"));
+  return TextsOutcome(status, out, err, exception);
+}
+inline Json RunShell(qvefet_Context* context, const std::string& script,
+                     const RunOptions& options = {}) {
   return RunCommand(context, {"/bin/sh", "-c", script}, options);
 }
 // qvefos_getLocalMetric on list (null allowed).
-RunOutcome LocalMetric(qvefet_Context* context, qvlnv_NVList* list,
-                       bool withExceptionSlot = true);
+inline Json LocalMetric(qvefet_Context* context, qvlnv_NVList* list,
+                        bool withExceptionSlot = true) {
+  char *out = nullptr, *err = nullptr;
+  qveue_Exception* exception = nullptr;
+  const int32_t status = qvefos_getLocalMetric(
+      context, list, 0, &out, &err, withExceptionSlot ? &exception : nullptr,
+      qveulm_getLogCtx(context->logSource, "fetchlets.os"));
+  return TextsOutcome(status, out, err, exception);
+}
 
-// getMetric called as an agent calls it (without a slot: with null there):
-// {"status", "result"}, plus "kind" and "message" of an exception.
-Json Evaluate(qvefet_GetMetricFn getMetric, qvefet_Context* context,
-              qvlnv_NVList* list, bool withExceptionSlot = true);
+// getMetric called as an agent calls it (without a slot: with null there).
+inline Json Evaluate(qvefet_GetMetricFn getMetric, qvefet_Context* context,
+                     qvlnv_NVList* list, bool withExceptionSlot = true) {
+  // Not null beforehand, so that a missed store shows.
+  auto* result = reinterpret_cast<qvedrmr_MetricResult*>(context);
+  qveue_Exception* exception = nullptr;
+  const int32_t status = getMetric(context, list, &result,
+                                   withExceptionSlot ? &exception : nullptr);
+  return Outcome(status, result, exception);
+}
 inline Json Evaluate(qvefet_GetMetricFn getMetric, qvefet_Context* context,
                      const Props& props, bool withExceptionSlot = true) {
   return Evaluate(getMetric, context, NewList(props).get(), withExceptionSlot);
 }
-// The same of a status, a result and an exception, which are released.
-Json Outcome(int32_t status, qvedrmr_MetricResult* result,
-             qveue_Exception* exception);
 
 // Results as qvehost::ResultToJson gives them: a row per table row, or one
 // row whose column k holds table k; the UDM's row of ID, number value,
 // string value and message.
-Json Flat(const Table& table, Json warning = nullptr);
-Json Nested(const std::vector<Table>& tables, Json warning = nullptr);
-Json UdmRow(Json id, Json number, Json string, Json message);
+inline Json Flat(const Table& table, Json warning = nullptr) {
+  return {{"rows", table}, {"warning", std::move(warning)}};
+}
+inline Json Nested(const std::vector<Table>& tables, Json warning = nullptr) {
+  Json cells = Json::array();
+  for (const Table& table : tables) cells.push_back({{"rows", table}});
+  return {{"rows", Json::array({cells})}, {"warning", std::move(warning)}};
+}
+inline Json UdmRow(Json id, Json number, Json string, Json message) {
+  return {{"rows", Json::array({Json::array({id, number, string, message})})},
+          {"warning", nullptr}};
+}
 inline Json Succeeded(Json result) {
   return {{"status", 0}, {"result", std::move(result)}};
 }
@@ -106,13 +187,10 @@ inline const Json kFailedQuietly = {{"status", -1}, {"result", nullptr}};
 
 // The server version the host reports while the object lives.
 struct ServerVersion {
-  explicit ServerVersion(int32_t version) {
-    qvehost::SetServerVersion(version);
-  }
-  ~ServerVersion() { qvehost::SetServerVersion(kCurrentServer); }
-  static constexpr int32_t kCurrentServer = QVE_SERVER_VERSION_CURRENT;
-  static constexpr int32_t kOldServer = QVE_SERVER_VERSION_CURRENT - 1;
+  explicit ServerVersion(int32_t v) { qvehost::SetServerVersion(v); }
+  ~ServerVersion() { qvehost::SetServerVersion(QVE_SERVER_VERSION_CURRENT); }
 };
+inline constexpr int32_t kOldServer = QVE_SERVER_VERSION_CURRENT - 1;
 
 // Aborts requestId from another thread as soon as a run has registered it.
 class Aborter {
@@ -133,19 +211,54 @@ class Aborter {
 
 // The launcher's account, or null with *reason set when this process cannot
 // make one or run the launcher.
-const TestAccount* LauncherAccount(std::string* reason);
-// text with every "{user}" replaced by name.
-std::string WithUser(std::string text, const std::string& name);
+inline const TestAccount* LauncherAccount(std::string* reason) {
+  *reason = LauncherSkipReason();
+  if (!reason->empty()) return nullptr;
+  const TestAccount* account = AccountStore::Get().Shared();
+  if (account == nullptr) *reason = "cannot make a test account";
+  return account;
+}
 
-std::set<int> OpenDescriptors();
+// text with every "{user}" replaced by name.
+inline std::string WithUser(std::string text, const std::string& name) {
+  for (size_t at = text.find("{user}"); at != std::string::npos;
+       at = text.find("{user}", at + name.size())) {
+    text.replace(at, 6, name);
+  }
+  return text;
+}
+
 // Makes this process the reaper of orphaned descendants, so tests can see
 // that none is left.
-void BecomeSubreaper();
-// This process's children, zombies included.
-std::vector<int> ChildPids();
+inline void BecomeSubreaper() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+
+// This process's children, zombies included, of every thread.
+inline std::vector<int> ChildPids() {
+  std::vector<int> pids;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream children(task.path() / "children");
+    for (int pid = 0; children >> pid;) pids.push_back(pid);
+  }
+  return pids;
+}
+
 // Reaps the orphans a killed run left here and returns the children still
-// running after a few seconds: none, if nothing leaked.
-std::vector<int> SurvivingChildren();
+// running after a few seconds: none, if nothing leaked. Grandchildren of a
+// killed group die of the group's SIGKILL; one still running was never
+// killed.
+inline std::vector<int> SurvivingChildren() {
+  std::vector<int> alive;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    alive.clear();
+    for (int pid : ChildPids()) {
+      if (waitpid(pid, nullptr, WNOHANG) == 0) alive.push_back(pid);
+    }
+    if (alive.empty()) break;
+    usleep(30000);
+  }
+  return alive;
+}
 
 }  // namespace qvetest
 

@@ -42,6 +42,12 @@ void SetServerVersion(int32_t version);
 // from the locale that LC_ALL, LC_CTYPE or LANG names (C/POSIX: UTF-8).
 void SetOsCharset(const std::string& name);
 
+// Most bytes the host holds of one output stream of one command (default
+// 64 MiB). A command that writes more is killed and that stream's read
+// fails; 0 means no limit.
+void SetOutputLimit(uint64_t bytes);
+uint64_t OutputLimit();
+
 enum class LogLevel { kTrace, kDebug, kWarn, kError, kOff };
 void SetLogLevel(LogLevel level);
 // Sends the host log to a file instead of standard error; "" restores stderr.
@@ -57,6 +63,24 @@ bool AbortRequest(std::string_view requestId);
 // Kills the process group of every command the host has started and not yet
 // reaped (the program's second Ctrl-C).
 void KillRunningCommands();
+
+// Tags every command started on this thread while it lives with evaluation,
+// so that a scheduler can end one evaluation's commands without ending the
+// others' (all host calls of one evaluation come from the calling thread).
+// Scopes do not nest; 0 is no evaluation.
+class EvaluationScope {
+ public:
+  explicit EvaluationScope(uint64_t evaluation);
+  ~EvaluationScope();
+  EvaluationScope(const EvaluationScope&) = delete;
+  EvaluationScope& operator=(const EvaluationScope&) = delete;
+};
+
+// Kills every command of evaluation that is running, and any that it starts
+// from now until its scope ends. The abort callback reaches only the
+// runner's wait loop; this reaches a command that closed its streams, one
+// that does not read its input, and a start still authenticating.
+void EndEvaluation(uint64_t evaluation);
 
 // ---- Fault switches -----------------------------------------------------------
 
