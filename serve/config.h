@@ -1,0 +1,102 @@
+// The serving configuration: collectors, their schedules and how their
+// results become samples. Loaded from YAML (or JSON of the same shape),
+// strictly: every problem names file:line:column.
+#ifndef FETCHLET_SERVE_CONFIG_H_
+#define FETCHLET_SERVE_CONFIG_H_
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "serve/model.h"
+
+namespace fetchlet::serve {
+
+using Duration = std::chrono::milliseconds;
+
+// Where a problem or an item sits in its file; line and column from 1.
+struct Position {
+  std::string file;
+  int line = 0;
+  int column = 0;
+};
+
+// "file:line:column: message", one line.
+struct ConfigProblem {
+  Position where;
+  std::string message;
+  std::string ToString() const;
+};
+
+// How one cell becomes a number: the cell of column, with trim_suffix cut
+// off its end, looked up in map when map is not empty, else parsed as a
+// number; then multiplied by scale.
+struct ValueSpec {
+  int column = -1;
+  double scale = 1;
+  std::string trim_suffix;
+  std::vector<std::pair<std::string, double>> map;
+};
+
+struct MetricSpec {
+  std::string name;
+  std::string help;
+  std::string unit;
+  MetricType type = MetricType::kGauge;
+  ValueSpec value;
+  std::vector<std::pair<std::string, int>> labels;  // label name, column
+  std::vector<std::string> states;                  // a stateset's states
+  Position where;
+};
+
+struct TableSpec {
+  int skip_rows = 0;
+  bool drop_empty_fields = false;
+  std::optional<int> nested_table;  // which nested table to read
+};
+
+enum class CollectorKind { kOs, kOsLine, kOsLineToken, kUdm };
+
+struct CollectorConfig {
+  std::string name;
+  CollectorKind kind = CollectorKind::kOs;
+  // Passed to the fetchlet as they stand, in order. The password is not
+  // among them: it is added at evaluation time, never logged or rendered.
+  std::vector<std::pair<std::string, std::string>> properties;
+  std::string password;  // read from password_file or password_credential
+  std::optional<Duration> interval;   // scheduled collectors
+  std::optional<Duration> cache_for;  // on_scrape collectors
+  Duration timeout{10000};
+  TableSpec table;
+  std::string regex;  // os: RE2, group N is column N
+  std::vector<MetricSpec> metrics;    // os, osline, oslinetoken
+  std::optional<MetricSpec> udm_value;  // udm
+  Position where;
+};
+
+// Same kind, properties, password, schedule and mapping, wherever each
+// stands in its file: a reload keeps such a collector's state.
+bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b);
+
+struct Config {
+  std::string listen = "127.0.0.1:9874";
+  Duration evaluation_timeout{10000};
+  int max_concurrent = 0;  // 0: the number of cores
+  double jitter = 0.1;
+  uint64_t output_limit = 64ull << 20;
+  std::vector<CollectorConfig> collectors;
+};
+
+// The configuration in path, or nullopt with every problem found (at least
+// one) in *problems. Warnings (a KT_METRIC_TIMEOUT among properties, ...) go
+// to *warnings and do not fail the load.
+std::optional<Config> LoadConfig(const std::string& path,
+                                 std::vector<ConfigProblem>* problems,
+                                 std::vector<ConfigProblem>* warnings);
+
+}  // namespace fetchlet::serve
+
+#endif  // FETCHLET_SERVE_CONFIG_H_

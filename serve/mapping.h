@@ -1,0 +1,33 @@
+// Results to samples: table rows through the collector's metric list, os
+// output through its regular expression, a udm value through its value
+// spec. Rows that do not parse are dropped and counted, never fatal.
+#ifndef FETCHLET_SERVE_MAPPING_H_
+#define FETCHLET_SERVE_MAPPING_H_
+
+#include <string>
+#include <vector>
+
+#include "serve/config.h"
+#include "serve/evaluate.h"
+#include "serve/model.h"
+
+namespace fetchlet::serve {
+
+// Failure kinds of fetchlet_collector_failures_total, by the label value.
+// "timeout", "run", "invalid_request", "process_limit", "no_result",
+// "no_value", "parse".
+struct Mapped {
+  Families families;
+  int dropped_rows = 0;            // counted as kind "parse"
+  std::string failure;             // "" when the evaluation succeeded
+  std::vector<std::string> notes;  // one line per dropped row or failure
+};
+
+// The samples of one evaluation. A failed evaluation maps to no sample and
+// its failure kind.
+Mapped MapEvaluation(const CollectorConfig& collector,
+                     const Evaluation& evaluation);
+
+}  // namespace fetchlet::serve
+
+#endif  // FETCHLET_SERVE_MAPPING_H_
