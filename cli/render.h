@@ -10,13 +10,18 @@
 
 namespace fetchlet {
 
-// {"status": S, "result": R, "exception": E} on one line; text that is not
-// valid UTF-8 gets U+FFFD in place of each invalid sequence.
+// {"status": S, "result": R, "exception": E} on one line, written as the
+// result is walked (a large result is not copied); text that is not valid
+// UTF-8 gets U+FFFD in place of each invalid sequence.
 void PrintJson(std::ostream& out, int32_t status,
                const qvedrmr_MetricResult* result, qveue_Exception* exception);
 
+inline constexpr const char* kNoResult = "(no result)";
+inline constexpr const char* kNoRows = "(no rows)";
+
 // Rows with their cells separated by " | ", nested tables indented under
-// their row, then the warning.
+// their row, then the warning; kNoResult for a null result, kNoRows for a
+// result with neither rows nor warning. Texts are written as they are.
 void PrintTable(std::ostream& out, const qvedrmr_MetricResult* result);
 
 // "error (kind K): MESSAGE", or the status alone when there is no exception.

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -53,24 +54,15 @@ void DeleteNestedRows(qveuv_Vector* rows) {
   qveuv_Vector_delete(rows);
 }
 
-nlohmann::json RowToJson(const qvedrvr_ValueRow& row);
-
-nlohmann::json RowsToJson(qveuv_Vector* rows) {
-  nlohmann::json list = nlohmann::json::array();
-  int32_t count = qveuv_Vector_size(rows);
-  for (int32_t i = 0; i < count; ++i) {
-    auto* row = static_cast<qvedrvr_ValueRow*>(qveuv_Vector_elementAt(rows, i));
-    list.push_back(row != nullptr ? RowToJson(*row) : nlohmann::json());
-  }
-  return nlohmann::json{{"rows", std::move(list)}};
-}
-
-nlohmann::json RowToJson(const qvedrvr_ValueRow& row) {
+nlohmann::json RowToJson(const qvedrvr_ValueRow* row) {
+  if (row == nullptr) return nullptr;
   nlohmann::json cells = nlohmann::json::array();
-  for (const RowCell& cell : qvehost::internal::RowCells(row)) {
-    if (cell.kind == RowCell::Kind::kValue) {
-      cells.push_back(RowsToJson(cell.value->rows));
-    } else if (cell.kind == RowCell::Kind::kString) {
+  for (const qvehost::CellView& cell : qvehost::RowView(*row)) {
+    if (cell.kind == qvehost::CellView::Kind::kTable) {
+      nlohmann::json nested = nlohmann::json::array();
+      for (const qvedrvr_ValueRow* r : cell.rows) nested.push_back(RowToJson(r));
+      cells.push_back(nlohmann::json{{"rows", std::move(nested)}});
+    } else if (cell.kind == qvehost::CellView::Kind::kText) {
       cells.push_back(std::string(cell.text));
     } else {
       cells.push_back(nullptr);
@@ -81,57 +73,70 @@ nlohmann::json RowToJson(const qvedrvr_ValueRow& row) {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qvedrmr_MetricResult* qvedrmr_MetricResult_new(void) {
-  if (qvehost::internal::MetricResultRefused()) return nullptr;
-  return qvehost::internal::NewObject<qvedrmr_MetricResult>();
+  return Guarded<qvedrmr_MetricResult*>(
+      __func__, nullptr, [&]() -> qvedrmr_MetricResult* {
+    if (qvehost::internal::MetricResultRefused()) return nullptr;
+    return qvehost::internal::NewObject<qvedrmr_MetricResult>();
+  });
 }
 
 void qvedrmr_MetricResult_addValueRow(qvedrmr_MetricResult* result,
                                       qvedrvr_ValueRow* row) {
-  if (row == nullptr) return;
-  try {
-    if (result != nullptr) {
-      result->rows.push_back(row);
-      qvehost::internal::CompactRow(row);
-      return;
+  Guarded(__func__, [&] {
+    if (row == nullptr) return;
+    try {
+      if (result != nullptr) {
+        result->rows.push_back(row);
+        qvehost::internal::CompactRow(row);
+        return;
+      }
+    } catch (...) {
     }
-  } catch (...) {
-  }
-  DeleteRow(row);  // the row was handed over: it must not leak
+    DeleteRow(row);  // the row was handed over: it must not leak
+  });
 }
 
 void qvedrmr_MetricResult_setWarning(qvedrmr_MetricResult* result,
                                      const char* text) {
-  if (result == nullptr) return;
-  try {
+  Guarded(__func__, [&] {
+    if (result == nullptr) return;
     result->warning = text != nullptr ? text : "";
     result->has_warning = text != nullptr;
-  } catch (...) {
-  }
+  });
 }
 
 void qvedrmr_MetricResult_delete(qvedrmr_MetricResult* result) {
-  qvehost::internal::DeleteObject(result);
+  Guarded(__func__, [&] {
+    qvehost::internal::DeleteObject(result);
+  });
 }
 
 qvedrmv_MetricValue* qvedrmv_MetricValue_new(void) {
-  return qvehost::internal::NewObject<qvedrmv_MetricValue>();
+  return Guarded<qvedrmv_MetricValue*>(
+      __func__, nullptr, [&]() -> qvedrmv_MetricValue* {
+    return qvehost::internal::NewObject<qvedrmv_MetricValue>();
+  });
 }
 
 void qvedrmv_setNestedRows(qvedrmv_MetricValue* value, qveuv_Vector* rows) {
-  if (value == nullptr) {
-    DeleteNestedRows(rows);
-    return;
-  }
-  if (value->rows != rows) DeleteNestedRows(value->rows);
-  value->rows = rows;
-  int32_t count = qveuv_Vector_size(rows);
-  for (int32_t i = 0; i < count; ++i) {
-    qvehost::internal::CompactRow(
-        static_cast<qvedrvr_ValueRow*>(qveuv_Vector_elementAt(rows, i)));
-  }
+  Guarded(__func__, [&] {
+    if (value == nullptr) {
+      DeleteNestedRows(rows);
+      return;
+    }
+    if (value->rows != rows) DeleteNestedRows(value->rows);
+    value->rows = rows;
+    int32_t count = qveuv_Vector_size(rows);
+    for (int32_t i = 0; i < count; ++i) {
+      qvehost::internal::CompactRow(
+          static_cast<qvedrvr_ValueRow*>(qveuv_Vector_elementAt(rows, i)));
+    }
+  });
 }
 
 }  // extern "C"
@@ -144,16 +149,45 @@ void DeleteMetricValue(qvedrmv_MetricValue* value) { DeleteObject(value); }
 
 }  // namespace internal
 
+std::vector<const qvedrvr_ValueRow*> ResultRows(
+    const qvedrmr_MetricResult* result) {
+  if (result == nullptr) return {};
+  return {result->rows.begin(), result->rows.end()};
+}
+
+const std::string* ResultWarning(const qvedrmr_MetricResult* result) {
+  return result != nullptr && result->has_warning ? &result->warning : nullptr;
+}
+
+std::vector<CellView> RowView(const qvedrvr_ValueRow& row) {
+  std::vector<CellView> cells;
+  for (const RowCell& cell : internal::RowCells(row)) {
+    CellView view;
+    if (cell.kind == RowCell::Kind::kString) {
+      view.kind = CellView::Kind::kText;
+      view.text = cell.text;
+    } else if (cell.kind == RowCell::Kind::kValue) {
+      view.kind = CellView::Kind::kTable;
+      qveuv_Vector* rows = cell.value->rows;
+      const int32_t count = qveuv_Vector_size(rows);
+      for (int32_t i = 0; i < count; ++i) {
+        view.rows.push_back(
+            static_cast<qvedrvr_ValueRow*>(qveuv_Vector_elementAt(rows, i)));
+      }
+    }
+    cells.push_back(std::move(view));
+  }
+  return cells;
+}
+
 nlohmann::json ResultToJson(const qvedrmr_MetricResult* result) {
   if (result == nullptr) return nullptr;
   nlohmann::json rows = nlohmann::json::array();
-  for (const qvedrvr_ValueRow* row : result->rows) {
-    rows.push_back(RowToJson(*row));
-  }
-  nlohmann::json warning =
-      result->has_warning ? nlohmann::json(result->warning) : nlohmann::json();
-  return nlohmann::json{{"rows", std::move(rows)},
-                        {"warning", std::move(warning)}};
+  for (const qvedrvr_ValueRow* row : result->rows) rows.push_back(RowToJson(row));
+  const std::string* warning = ResultWarning(result);
+  return nlohmann::json{
+      {"rows", std::move(rows)},
+      {"warning", warning != nullptr ? nlohmann::json(*warning) : nullptr}};
 }
 
 }  // namespace qvehost

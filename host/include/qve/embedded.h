@@ -17,6 +17,7 @@
 
 #include "qve/host.h"
 
+QVE_HOST_EXPORTS_BEGIN
 namespace qvehost {
 
 // ---- Contexts and property lists -------------------------------------------
@@ -146,6 +147,22 @@ class LogCapture {
 // byte for byte; dump with nlohmann's replace error handler for output.
 nlohmann::json ResultToJson(const qvedrmr_MetricResult* result);
 
+// A borrowed view of one cell, valid while its result lives: renderers walk
+// a result through these rather than copy a large one. An unset column reads
+// as kNull; a nested row may be null.
+struct CellView {
+  enum class Kind { kNull, kText, kTable };
+  Kind kind = Kind::kNull;
+  std::string_view text;
+  std::vector<const qvedrvr_ValueRow*> rows;
+};
+std::vector<const qvedrvr_ValueRow*> ResultRows(
+    const qvedrmr_MetricResult* result);
+// The warning, or null when none was set (borrowed from the result).
+const std::string* ResultWarning(const qvedrmr_MetricResult* result);
+// The row's cells up to its highest set column.
+std::vector<CellView> RowView(const qvedrvr_ValueRow& row);
+
 // ---- Credential launcher ----------------------------------------------------
 
 // The fetchlet-launch program that authenticated processes start. Empty (the
@@ -159,5 +176,6 @@ void SetLauncherPath(const std::string& path);
 std::string LauncherPath();
 
 }  // namespace qvehost
+QVE_HOST_EXPORTS_END
 
 #endif  // QVE_EMBEDDED_H_
