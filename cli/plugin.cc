@@ -28,7 +28,7 @@ std::unique_ptr<Plugin> Plugin::Load(const std::string& path,
 Plugin::~Plugin() { dlclose(handle_); }
 
 std::optional<Family> Plugin::Find(const std::string& prefix) const {
-  Family family{Symbol<GetFetchletFn>(handle_, prefix + "_getFetchlet"),
+  Family family{Symbol<qvefet_GetFetchletFn>(handle_, prefix + "_getFetchlet"),
                 Symbol<qvefet_GetMetricFn>(handle_, prefix + "_getMetric"),
                 Symbol<qvefet_FreeFetchletFn>(handle_, prefix + "_freeFetchlet")};
   if (!family.getFetchlet || !family.getMetric || !family.freeFetchlet) {

@@ -11,11 +11,10 @@
 
 namespace fetchlet {
 
-using GetFetchletFn = int32_t (*)(qvefet_Context*, qvefet_Fetchlet**);
 
 // One family's three entry points.
 struct Family {
-  GetFetchletFn getFetchlet = nullptr;
+  qvefet_GetFetchletFn getFetchlet = nullptr;
   qvefet_GetMetricFn getMetric = nullptr;
   qvefet_FreeFetchletFn freeFetchlet = nullptr;
 };

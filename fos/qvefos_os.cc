@@ -1,11 +1,13 @@
 // The OS fetchlet: the command's whole output as one value row.
 #include <cstring>
 
+#include "fos/qvefos_flags.h"
 #include "fos/qvefos_driver.h"
 #include "fos/qvefos_export.h"
 #include "fos/qvefos_frame.h"
 #include "fos/qvefos_memory.h"
 #include "fos/qvefos_os.h"
+#include "fos/qvefos_result.h"
 
 namespace qvefos {
 namespace {
@@ -73,7 +75,7 @@ QVEFOS_EXPORT int32_t qvefos_getMetric(qvefet_Context* fetchletContext,
   qveulm_LogCtx* log = FamilyLog(fetchletContext, kLogName);
   qve_devtrc(log, kGetMetricTrace);
   const bool separate =
-      qve_equals(qvlnvlgv_getValue(properties, "separateErrorStream"), "TRUE");
+      PropertyIsTrue(properties, "separateErrorStream");
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;
@@ -84,12 +86,12 @@ QVEFOS_EXPORT int32_t qvefos_getMetric(qvefet_Context* fetchletContext,
     return -1;
   }
   const bool errToWarning =
-      qve_equals(qvlnvlgv_getValue(properties, "useStdErrForWarning"), "TRUE");
+      PropertyIsTrue(properties, "useStdErrForWarning");
   qvedrmr_MetricResult* result = qvedrmr_MetricResult_new();
   qvedrvr_ValueRow* row = result != nullptr ? qvedrvr_ValueRow_new() : nullptr;
   int32_t status = 0;
   if (row == nullptr) {
-    if (result != nullptr) qvedrmr_MetricResult_delete(result);
+    qvefos::ReleaseUnhandedResult(result);
     if (exceptionOut != nullptr) {
       *exceptionOut = qveue_Exception_new_init(QVE_EXC_NO_RESULT, kResultRefused);
     }

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "fos/qvefos_memory.h"
+#include "fos/qvefos_result.h"
 #include "fosl/qvefosl_lines.h"
 
 namespace {
@@ -249,7 +250,7 @@ int32_t qvefosud_createResultObject(
   qvedrvr_ValueRow* row = result != nullptr ? qvedrvr_ValueRow_new() : nullptr;
   if (row == nullptr) {
     // A row the host cannot make fails like a refused result.
-    if (result != nullptr) qvedrmr_MetricResult_delete(result);
+    qvefos::ReleaseUnhandedResult(result);
     if (exceptionOut != nullptr) {
       *exceptionOut =
           qveue_Exception_new_init(QVE_EXC_NO_RESULT, kResultRefused);

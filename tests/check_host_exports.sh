@@ -1,14 +1,28 @@
 #!/bin/bash
-# Every operation the host contract declares is defined by the host library.
+# The host library exports the operations host.h declares and the C++ API of
+# embedded.h (qvehost::, not qvehost::internal::), and nothing else; the
+# contract list names only operations that host.h declares.
 set -euo pipefail
-lib=$1 header=$2
+lib=$1 header=$2 contract=$3
 declared=$(grep -oE '\b(qve|sqve|qvl|strcaseeq|csidlookup)[A-Za-z0-9_]*\(' "$header" |
            tr -d '(' | sort -u)
 defined=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort -u)
+fail=0
+report() { echo "$1" >&2; echo "$2" >&2; fail=1; }
 missing=$(comm -23 <(echo "$declared") <(echo "$defined"))
-if [ -n "$missing" ]; then
-  echo "declared in $header but not defined by $lib:" >&2
-  echo "$missing" >&2
-  exit 1
-fi
-echo "$(echo "$declared" | wc -l) host operations defined"
+[ -z "$missing" ] || report "declared in $header but not exported:" "$missing"
+undeclared=$(grep -v '^#' "$contract" | sed '/^$/d' | sort -u |
+             comm -23 - <(echo "$declared"))
+[ -z "$undeclared" ] || report "in $contract but not declared:" "$undeclared"
+others=$(comm -13 <(echo "$declared") <(echo "$defined"))
+extra=""
+while read -r symbol; do
+  [ -n "$symbol" ] || continue
+  name=$(echo "$symbol" | c++filt)
+  if [[ $name != qvehost::* || $name == qvehost::internal::* ]]; then
+    extra+="$symbol ($name)"$'\n'
+  fi
+done <<< "$others"
+[ -z "$extra" ] || report "exported beyond the contract and the embedded API:" "$extra"
+[ $fail = 0 ] && echo "$(echo "$defined" | wc -l) symbols exported"
+exit $fail

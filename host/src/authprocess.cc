@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "guard.h"
 #include "../launcher/launch_protocol.h"
 #include "child_process.h"
 #include "iomux.h"
@@ -38,7 +39,7 @@ namespace {
 
 // The most of the launcher's text that is kept: what one read of the
 // runner's buffer holds.
-constexpr size_t kMaxLauncherText = 8207;
+constexpr size_t kMaxLauncherText = QVE_LAUNCHER_TEXT_BUFFER - 1;
 // How long a killed launcher may take to end the command and itself before
 // it is killed too.
 constexpr auto kKillGrace = std::chrono::seconds(5);
@@ -248,6 +249,8 @@ int32_t qvejcap_Process::Kill() {
   return child.Kill();
 }
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qvejcap_Process* qvejcap_Process_new(qvefet_Context* fetchletContext,
@@ -256,8 +259,9 @@ qvejcap_Process* qvejcap_Process_new(qvefet_Context* fetchletContext,
                                      const char* username,
                                      const char* password,
                                      void* /*reserved*/) {
-  if (username == nullptr || password == nullptr) return nullptr;
-  try {
+  return Guarded<qvejcap_Process*>(
+      __func__, nullptr, [&]() -> qvejcap_Process* {
+    if (username == nullptr || password == nullptr) return nullptr;
     auto process = std::make_unique<qvejcap_Process>();
     process->context = fetchletContext;
     process->separate_error_stream = separateErrorStream != 0;
@@ -271,88 +275,116 @@ qvejcap_Process* qvejcap_Process_new(qvefet_Context* fetchletContext,
     PutStrings(credentials, 2, &next);
     PutStrings(envp, envs, &next);
     return process.release();
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+  });
 }
 
 int32_t qvejcap_Process_run(qvejcap_Process* process) {
-  return process != nullptr ? process->Run() : -1;
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    return process != nullptr ? process->Run() : -1;
+  });
 }
 
 int32_t qvejcap_Process_qvo_stderr_read(qvejcap_Process* process,
                                         char* buffer, int32_t /*reserved1*/,
                                         int32_t /*reserved2*/) {
-  if (process == nullptr || buffer == nullptr) return -1;
-  const std::string& text = process->launcher_text;
-  std::memcpy(buffer, text.data(), text.size());
-  buffer[text.size()] = '\0';
-  return 0;
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    if (process == nullptr || buffer == nullptr) return -1;
+    const std::string& text = process->launcher_text;
+    std::memcpy(buffer, text.data(), text.size());
+    buffer[text.size()] = '\0';
+    return 0;
+  });
 }
 
 int32_t qvejcap_Process_command_stderr_read(qvejcap_Process* process,
                                             char* buffer, int32_t maximum) {
-  if (process == nullptr) return -1;
-  return process->child.Read(QVE_STREAM_STDERR, buffer, maximum);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Read(QVE_STREAM_STDERR, buffer, maximum);
+  });
 }
 
 int32_t qvejcap_Process_stdin_write(qvejcap_Process* process, const char* data,
                                     uint32_t length) {
-  if (process == nullptr) return QVE_WRITE_FAILED;
-  // No command to feed: the refusal is what the caller reports.
-  if (process->refused) {
-    return static_cast<int32_t>(std::min<uint32_t>(length, INT32_MAX));
-  }
-  return process->child.WriteStdin(data, length);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return QVE_WRITE_FAILED;
+    // No command to feed: the refusal is what the caller reports.
+    if (process->refused) {
+      return static_cast<int32_t>(std::min<uint32_t>(length, INT32_MAX));
+    }
+    return process->child.WriteStdin(data, length);
+  });
 }
 
 void qvejcap_Process_stdin_close(qvejcap_Process* process) {
-  if (process != nullptr) process->child.CloseStdin();
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseStdin();
+  });
 }
 
 int32_t qvejcap_Process_stdout_read(qvejcap_Process* process, char* buffer,
                                     int32_t maximum) {
-  if (process == nullptr) return -1;
-  return process->child.Read(QVE_STREAM_STDOUT, buffer, maximum);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Read(QVE_STREAM_STDOUT, buffer, maximum);
+  });
 }
 
 void qvejcap_Process_stdout_close(qvejcap_Process* process) {
-  if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDOUT);
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDOUT);
+  });
 }
 
 void qvejcap_Process_stderr_close(qvejcap_Process* process) {
-  if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDERR);
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDERR);
+  });
 }
 
 int32_t qvejcap_Process_blocking_wait(qvejcap_Process* process) {
-  return process != nullptr ? process->child.Wait() : -1;
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    return process != nullptr ? process->child.Wait() : -1;
+  });
 }
 
 int32_t qvejcap_Process_kill(qvejcap_Process* process) {
-  return process != nullptr ? process->Kill() : -1;
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    return process != nullptr ? process->Kill() : -1;
+  });
 }
 
 int32_t qvejcap_Process_getExitValue(qvejcap_Process* process,
                                      int32_t* exitValue) {
-  if (process == nullptr || exitValue == nullptr) return -1;
-  process->child.PollExit();
-  *exitValue = process->child.exit_value();
-  return *exitValue >= 0 ? 0 : -1;
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr || exitValue == nullptr) return -1;
+    process->child.PollExit();
+    *exitValue = process->child.exit_value();
+    return *exitValue >= 0 ? 0 : -1;
+  });
 }
 
-void qvejcap_Process_delete(qvejcap_Process* process) { delete process; }
+void qvejcap_Process_delete(qvejcap_Process* process) {
+  Guarded(__func__, [&] {
+    delete process;
+  });
+}
 
 int32_t sqvejcx_IOMuxor_addAuthProcess(sqvejcx_IOMuxor* mux,
                                        qvejcap_Process* process, int32_t mask) {
-  if (process == nullptr) return -1;
-  return qvehost::internal::MuxAddSource(mux, &process->child, process, mask);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return qvehost::internal::MuxAddSource(mux, &process->child, process, mask);
+  });
 }
 
 int32_t sqvejcx_IOMuxor_removeAuthProcess(sqvejcx_IOMuxor* mux,
                                           qvejcap_Process* process,
                                           int32_t kind) {
-  if (process == nullptr) return -1;
-  return qvehost::internal::MuxRemoveSource(mux, &process->child, kind);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return qvehost::internal::MuxRemoveSource(mux, &process->child, kind);
+  });
 }
 
 }  // extern "C"

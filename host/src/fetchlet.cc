@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -78,50 +79,58 @@ class AbortRegistry {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qvefet_Fetchlet* qvefet_newFetchlet(qvefet_GetMetricFn getMetric,
                                     qvefet_Context* fetchletContext,
                                     qvefet_FreeFetchletFn freeFetchlet) {
-  if (qvehost::internal::NewFetchletRefused()) return nullptr;
-  return qvehost::internal::NewObject<qvefet_Fetchlet>(
-      qvefet_Fetchlet{getMetric, fetchletContext, freeFetchlet});
+  return Guarded<qvefet_Fetchlet*>(
+      __func__, nullptr, [&]() -> qvefet_Fetchlet* {
+    if (qvehost::internal::NewFetchletRefused()) return nullptr;
+    return qvehost::internal::NewObject<qvefet_Fetchlet>(
+        qvefet_Fetchlet{getMetric, fetchletContext, freeFetchlet});
+  });
 }
 
 qvefet_Context* qvefet_getFetchletContext(qvefet_Fetchlet* fetchlet) {
-  return fetchlet != nullptr ? fetchlet->context : nullptr;
+  return Guarded<qvefet_Context*>(__func__, nullptr, [&]() -> qvefet_Context* {
+    return fetchlet != nullptr ? fetchlet->context : nullptr;
+  });
 }
 
 int32_t qvefet_freeFetchlet(qvefet_Fetchlet* fetchlet) {
-  qvehost::internal::DeleteObject(fetchlet);
-  return 0;
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    qvehost::internal::DeleteObject(fetchlet);
+    return 0;
+  });
 }
 
 int32_t qvefet_addAbortCallback(qvefet_Context* fetchletContext,
                                 const char* requestId,
                                 qvefet_AbortCallback callback,
                                 void* userData) {
-  if (requestId == nullptr || callback == nullptr) return -1;
-  try {
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (requestId == nullptr || callback == nullptr) return -1;
     return AbortRegistry::Get().Add(fetchletContext, requestId, callback,
                                     userData);
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 int32_t qvefet_removeAbortCallback(qvefet_Context* fetchletContext,
                                    const char* requestId) {
-  if (requestId == nullptr) return -1;
-  try {
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (requestId == nullptr) return -1;
     return AbortRegistry::Get().Remove(fetchletContext, requestId);
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 int32_t qvectx_getPLBVersion(qvefet_Context* /*fetchletContext*/) {
-  return g_server_version.load();
+  return Guarded<int32_t>(
+      __func__, QVE_SERVER_VERSION_CURRENT, [&]() -> int32_t {
+    return g_server_version.load();
+  });
 }
 
 }  // extern "C"

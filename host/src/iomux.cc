@@ -1,5 +1,6 @@
 // The multiplexer: poll over the registered output streams of processes of
 // either family.
+#include "guard.h"
 #include "iomux.h"
 
 #include <poll.h>
@@ -178,27 +179,40 @@ int32_t MuxRemoveSource(sqvejcx_IOMuxor* mux, StreamSource* source,
 
 }  // namespace qvehost::internal
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 sqvejcx_IOMuxor* sqvejcx_IOMuxor_new(qvefet_Context* fetchletContext) {
-  return new (std::nothrow) sqvejcx_IOMuxor(fetchletContext);
+  return Guarded<sqvejcx_IOMuxor*>(
+      __func__, nullptr, [&]() -> sqvejcx_IOMuxor* {
+    return new (std::nothrow) sqvejcx_IOMuxor(fetchletContext);
+  });
 }
 
 int32_t sqvejcx_IOMuxor_select(sqvejcx_IOMuxor* mux, int32_t waitBound,
                                uint32_t* count, sqvejcx_Channel** channels) {
-  if (count != nullptr) *count = 0;
-  if (channels != nullptr) *channels = nullptr;
-  if (mux == nullptr || count == nullptr || channels == nullptr ||
-      mux->entries.empty()) {
-    return -1;
-  }
-  return mux->Select(waitBound, count, channels);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (count != nullptr) *count = 0;
+    if (channels != nullptr) *channels = nullptr;
+    if (mux == nullptr || count == nullptr || channels == nullptr ||
+        mux->entries.empty()) {
+      return -1;
+    }
+    return mux->Select(waitBound, count, channels);
+  });
 }
 
 void sqvejcx_IOMuxor_freeChannels(sqvejcx_Channel* channels) {
-  delete[] channels;
+  Guarded(__func__, [&] {
+    delete[] channels;
+  });
 }
 
-void sqvejcx_IOMuxor_delete(sqvejcx_IOMuxor* mux) { delete mux; }
+void sqvejcx_IOMuxor_delete(sqvejcx_IOMuxor* mux) {
+  Guarded(__func__, [&] {
+    delete mux;
+  });
+}
 
 }  // extern "C"

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -119,17 +120,14 @@ void Capture(const qveulm_LogCtx& log, LogLevel level, std::string_view text) {
 }
 
 void Emit(qveulm_LogCtx* log, LogLevel level, std::string_view text) {
-  try {
-    if (g_capturing.load(std::memory_order_relaxed)) Capture(*log, level, text);
-    if (static_cast<int>(level) < g_threshold.load(std::memory_order_relaxed)) {
-      return;
-    }
-    // The sink ends every line itself; one trailing line feed of the text
-    // would otherwise show as a blank line.
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    log->logger->log(ToSpdlog(level), text);
-  } catch (...) {
+  if (g_capturing.load(std::memory_order_relaxed)) Capture(*log, level, text);
+  if (static_cast<int>(level) < g_threshold.load(std::memory_order_relaxed)) {
+    return;
   }
+  // The sink ends every line itself; one trailing line feed of the text
+  // would otherwise show as a blank line.
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  log->logger->log(ToSpdlog(level), text);
 }
 
 void EmitFormatted(qveulm_LogCtx* log, LogLevel level, const char* format,
@@ -142,53 +140,55 @@ void EmitFormatted(qveulm_LogCtx* log, LogLevel level, const char* format,
   if (length >= 0 && static_cast<size_t>(length) < sizeof small) {
     Emit(log, level, std::string_view(small, static_cast<size_t>(length)));
   } else if (length >= 0) {
-    try {
-      std::string large(static_cast<size_t>(length) + 1, '\0');
-      std::vsnprintf(large.data(), large.size(), format, again);
-      large.resize(static_cast<size_t>(length));
-      Emit(log, level, large);
-    } catch (...) {
-    }
+    std::string large(static_cast<size_t>(length) + 1, '\0');
+    std::vsnprintf(large.data(), large.size(), format, again);
+    large.resize(static_cast<size_t>(length));
+    Emit(log, level, large);
   }
   va_end(again);
 }
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qveulm_LogCtx* qveulm_getLogCtx(qveulm_LogSource* /*logSource*/,
                                 const char* logName) {
-  try {
+  return Guarded<qveulm_LogCtx*>(__func__, nullptr, [&]() -> qveulm_LogCtx* {
     return Registry::Get().Context(logName != nullptr ? logName : "");
-  } catch (...) {
-    return nullptr;
-  }
+  });
 }
 
 void qve_devtrc(qveulm_LogCtx* log, const char* text) {
-  if (log == nullptr || text == nullptr || !Wanted(LogLevel::kTrace)) return;
-  Emit(log, LogLevel::kTrace, text);
+  Guarded(__func__, [&] {
+    if (log == nullptr || text == nullptr || !Wanted(LogLevel::kTrace)) return;
+    Emit(log, LogLevel::kTrace, text);
+  });
 }
 
 void qve_debug(qveulm_LogCtx* log, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  EmitFormatted(log, LogLevel::kDebug, format, args);
+  Guarded(__func__,
+          [&] { EmitFormatted(log, LogLevel::kDebug, format, args); });
   va_end(args);
 }
 
 void qve_warn(qveulm_LogCtx* log, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  EmitFormatted(log, LogLevel::kWarn, format, args);
+  Guarded(__func__,
+          [&] { EmitFormatted(log, LogLevel::kWarn, format, args); });
   va_end(args);
 }
 
 void qve_error(qveulm_LogCtx* log, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  EmitFormatted(log, LogLevel::kError, format, args);
+  Guarded(__func__,
+          [&] { EmitFormatted(log, LogLevel::kError, format, args); });
   va_end(args);
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -262,30 +263,44 @@ void* Resize(void* block, size_t size, const char* module, int line) {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 void* qve_alloc0(size_t size, const char* module, int line) {
-  return Allocate(size, module, line);
+  return Guarded<void*>(__func__, nullptr, [&]() -> void* {
+    return Allocate(size, module, line);
+  });
 }
 
 char* qve_allocpy0(const char* text, const char* module, int line) {
-  if (text == nullptr) return nullptr;
-  size_t length = std::strlen(text);
-  auto* copy = static_cast<char*>(Allocate(length + 1, module, line));
-  if (copy != nullptr) std::memcpy(copy, text, length + 1);
-  return copy;
+  return Guarded<char*>(__func__, nullptr, [&]() -> char* {
+    if (text == nullptr) return nullptr;
+    size_t length = std::strlen(text);
+    auto* copy = static_cast<char*>(Allocate(length + 1, module, line));
+    if (copy != nullptr) std::memcpy(copy, text, length + 1);
+    return copy;
+  });
 }
 
 void* qve_realloc0(void* block, size_t size, const char* module, int line) {
-  if (block == nullptr) return Allocate(size, module, line);
-  return Resize(block, size, module, line);
+  return Guarded<void*>(__func__, nullptr, [&]() -> void* {
+    if (block == nullptr) return Allocate(size, module, line);
+    return Resize(block, size, module, line);
+  });
 }
 
 void qve_free0(void* block, const char* /*module*/, int /*line*/) {
-  Release(block);
+  Guarded(__func__, [&] {
+    Release(block);
+  });
 }
 
-void qve_freecb(void* block) { Release(block); }
+void qve_freecb(void* block) {
+  Guarded(__func__, [&] {
+    Release(block);
+  });
+}
 
 }  // extern "C"
 

@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "nls_charsets.h"
 #include "nls_utf8.h"
@@ -372,33 +373,50 @@ void SetOsCharset(const std::string& name) { OsCharset::Get().Set(name); }
 
 }  // namespace qvehost
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 int32_t qveulx_get_OS_LangID(qveulx_LangHandle*) {
-  return OsCharset::Get().Id();
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    return OsCharset::Get().Id();
+  });
 }
 
-int32_t qveulx_get_UTF8_LangID(qveulx_LangHandle*) { return kMibUtf8; }
+int32_t qveulx_get_UTF8_LangID(qveulx_LangHandle*) {
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    return kMibUtf8;
+  });
+}
 
 qveulx_LanguageGlobal* qveulx_getLanguageGlobal(qveulx_LangHandle*) {
-  return &g_language_global;
+  return Guarded<qveulx_LanguageGlobal*>(
+      __func__, nullptr, [&]() -> qveulx_LanguageGlobal* {
+    return &g_language_global;
+  });
 }
 
 int32_t csidlookup(const char* name, int32_t length, qveulx_LanguageGlobal*) {
-  if (name == nullptr || length <= 0) return 0;
-  return LookupCharset(std::string_view(name, static_cast<size_t>(length)));
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    if (name == nullptr || length <= 0) return 0;
+    return LookupCharset(std::string_view(name, static_cast<size_t>(length)));
+  });
 }
 
 int32_t qveulx_Convert_CharsetID(qveulx_LangHandle*, int32_t fromId,
                                  const char* text, int32_t toId,
                                  char** result) {
-  return Convert(fromId, text, toId, result, Mode::kStrict);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    return Convert(fromId, text, toId, result, Mode::kStrict);
+  });
 }
 
 int32_t qveulx_Convert_CharsetID_ignrerr(qveulx_LangHandle*, int32_t fromId,
                                          const char* text, int32_t toId,
                                          char** result) {
-  return Convert(fromId, text, toId, result, Mode::kTolerant);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    return Convert(fromId, text, toId, result, Mode::kTolerant);
+  });
 }
 
 }  // extern "C"

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/host.h"
 
@@ -31,23 +32,30 @@ void Record(qvedcpdpr_PDPRuntime& runtime, qvlnv_NVList* properties) {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qvedcpdpr_PDPRuntime* qvedcpdpr_getPDPRuntimeFromNVPairs(
     qvefet_Context* /*fetchletContext*/, qvlnv_NVList* properties) {
-  auto* runtime = qvehost::internal::NewObject<qvedcpdpr_PDPRuntime>();
-  if (runtime == nullptr) return nullptr;
-  try {
-    Record(*runtime, properties);
-  } catch (...) {
-    qvehost::internal::DeleteObject(runtime);
-    return nullptr;
-  }
-  return runtime;
+  return Guarded<qvedcpdpr_PDPRuntime*>(
+      __func__, nullptr, [&]() -> qvedcpdpr_PDPRuntime* {
+    auto* runtime = qvehost::internal::NewObject<qvedcpdpr_PDPRuntime>();
+    if (runtime == nullptr) return nullptr;
+    try {
+      Record(*runtime, properties);
+    } catch (...) {
+      qvehost::internal::DeleteObject(runtime);
+      return nullptr;
+    }
+    return runtime;
+  });
 }
 
 void qvedcpdpr_PDPRuntime_delete(qvedcpdpr_PDPRuntime* runtime) {
-  qvehost::internal::DeleteObject(runtime);
+  Guarded(__func__, [&] {
+    qvehost::internal::DeleteObject(runtime);
+  });
 }
 
 }  // extern "C"

@@ -7,6 +7,7 @@
 #include <new>
 #include <vector>
 
+#include "guard.h"
 #include "child_process.h"
 #include "host_internal.h"
 #include "iomux.h"
@@ -60,12 +61,15 @@ char** HostEnvironment() {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 sqvejcp_Process* sqvejcp_Process_new_argv_envp(qvefet_Context* fetchletContext,
                                                char** argv, int32_t argc,
                                                char** envp, int32_t envc) {
-  try {
+  return Guarded<sqvejcp_Process*>(
+      __func__, nullptr, [&]() -> sqvejcp_Process* {
     auto process = std::make_unique<sqvejcp_Process>();
     process->context = fetchletContext;
     const size_t args = CountEntries(argv, argc);
@@ -78,85 +82,111 @@ sqvejcp_Process* sqvejcp_Process_new_argv_envp(qvefet_Context* fetchletContext,
       CopyStrings(envp, envs, &next, &process->envp);
     }
     return process.release();
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+  });
 }
 
 int32_t sqvejcp_Process_run_need_pipes(sqvejcp_Process* process, int32_t mask) {
-  if (process == nullptr) return -1;
-  const int32_t forced = qvehost::internal::ForcedStartResult();
-  if (forced != 0) return forced;
-  if (process->child.started() || process->argv.size() < 2) return -1;
-  qvehost::internal::SpawnRequest request;
-  request.argv = process->argv.data();
-  // The host's environment as it is now, not as it was at creation.
-  request.envp =
-      process->host_environment ? HostEnvironment() : process->envp.data();
-  request.mask = mask & QVE_STREAM_ALL;
-  return qvehost::internal::StartResultCode(process->child.Start(request));
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    const int32_t forced = qvehost::internal::ForcedStartResult();
+    if (forced != 0) return forced;
+    if (process->child.started() || process->argv.size() < 2) return -1;
+    qvehost::internal::SpawnRequest request;
+    request.argv = process->argv.data();
+    // The host's environment as it is now, not as it was at creation.
+    request.envp =
+        process->host_environment ? HostEnvironment() : process->envp.data();
+    request.mask = mask & QVE_STREAM_ALL;
+    return qvehost::internal::StartResultCode(process->child.Start(request));
+  });
 }
 
 int32_t sqvejcp_Process_stdin_write(sqvejcp_Process* process, const char* data,
                                     uint32_t length) {
-  if (process == nullptr) return QVE_WRITE_FAILED;
-  return process->child.WriteStdin(data, length);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return QVE_WRITE_FAILED;
+    return process->child.WriteStdin(data, length);
+  });
 }
 
 void sqvejcp_Process_stdin_close(sqvejcp_Process* process) {
-  if (process != nullptr) process->child.CloseStdin();
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseStdin();
+  });
 }
 
 int32_t sqvejcp_Process_stdout_read(sqvejcp_Process* process, char* buffer,
                                     int32_t maximum) {
-  if (process == nullptr) return -1;
-  return process->child.Read(QVE_STREAM_STDOUT, buffer, maximum);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Read(QVE_STREAM_STDOUT, buffer, maximum);
+  });
 }
 
 int32_t sqvejcp_Process_stderr_read(sqvejcp_Process* process, char* buffer,
                                     int32_t maximum) {
-  if (process == nullptr) return -1;
-  return process->child.Read(QVE_STREAM_STDERR, buffer, maximum);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Read(QVE_STREAM_STDERR, buffer, maximum);
+  });
 }
 
 void sqvejcp_Process_stdout_close(sqvejcp_Process* process) {
-  if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDOUT);
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDOUT);
+  });
 }
 
 void sqvejcp_Process_stderr_close(sqvejcp_Process* process) {
-  if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDERR);
+  Guarded(__func__, [&] {
+    if (process != nullptr) process->child.CloseOutput(QVE_STREAM_STDERR);
+  });
 }
 
 int32_t sqvejcp_Process_blocking_wait(sqvejcp_Process* process) {
-  if (process == nullptr) return -1;
-  return process->child.Wait();
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Wait();
+  });
 }
 
 int32_t sqvejcp_Process_kill(sqvejcp_Process* process) {
-  if (process == nullptr) return -1;
-  return process->child.Kill();
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return process->child.Kill();
+  });
 }
 
 int32_t sqvejcp_Process_getExitValue(sqvejcp_Process* process,
                                      int32_t* exitValue) {
-  if (process == nullptr || exitValue == nullptr) return -1;
-  process->child.PollExit();
-  *exitValue = process->child.exit_value();
-  return *exitValue >= 0 ? 0 : -1;
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr || exitValue == nullptr) return -1;
+    process->child.PollExit();
+    *exitValue = process->child.exit_value();
+    return *exitValue >= 0 ? 0 : -1;
+  });
 }
 
-void sqvejcp_Process_delete(sqvejcp_Process* process) { delete process; }
+void sqvejcp_Process_delete(sqvejcp_Process* process) {
+  Guarded(__func__, [&] {
+    delete process;
+  });
+}
 
 int32_t sqvejcx_IOMuxor_addProcess(sqvejcx_IOMuxor* mux,
                                    sqvejcp_Process* process, int32_t mask) {
-  if (process == nullptr) return -1;
-  return qvehost::internal::MuxAddSource(mux, &process->child, process, mask);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return qvehost::internal::MuxAddSource(mux, &process->child, process, mask);
+  });
 }
 
 int32_t sqvejcx_IOMuxor_removeProcess(sqvejcx_IOMuxor* mux,
                                       sqvejcp_Process* process, int32_t kind) {
-  if (process == nullptr) return -1;
-  return qvehost::internal::MuxRemoveSource(mux, &process->child, kind);
+  return Guarded<int32_t>(__func__, -1, [&]() -> int32_t {
+    if (process == nullptr) return -1;
+    return qvehost::internal::MuxRemoveSource(mux, &process->child, kind);
+  });
 }
 
 }  // extern "C"

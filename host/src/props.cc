@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -31,27 +32,37 @@ struct qvlsl_Iterator {
   size_t next = 0;
 };
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 char* qvlnvlgv_getValue(qvlnv_NVList* properties, const char* name) {
-  if (properties == nullptr || name == nullptr) return nullptr;
-  qvlnv_NVList::Entry* entry = properties->Find(name);
-  return entry != nullptr ? entry->value.data() : nullptr;
+  return Guarded<char*>(__func__, nullptr, [&]() -> char* {
+    if (properties == nullptr || name == nullptr) return nullptr;
+    qvlnv_NVList::Entry* entry = properties->Find(name);
+    return entry != nullptr ? entry->value.data() : nullptr;
+  });
 }
 
 // A null list gives an iterator that ends at once.
 qvlsl_Iterator* qvlslci_createIterator(qvlnv_NVList* properties) {
-  return qvehost::internal::NewObject<qvlsl_Iterator>(properties);
+  return Guarded<qvlsl_Iterator*>(__func__, nullptr, [&]() -> qvlsl_Iterator* {
+    return qvehost::internal::NewObject<qvlsl_Iterator>(properties);
+  });
 }
 
 const char* qvlnvinn_iteratorNextName(qvlsl_Iterator* iterator) {
-  if (iterator == nullptr || iterator->list == nullptr) return nullptr;
-  if (iterator->next >= iterator->list->entries.size()) return nullptr;
-  return iterator->list->entries[iterator->next++].name.c_str();
+  return Guarded<const char*>(__func__, nullptr, [&]() -> const char* {
+    if (iterator == nullptr || iterator->list == nullptr) return nullptr;
+    if (iterator->next >= iterator->list->entries.size()) return nullptr;
+    return iterator->list->entries[iterator->next++].name.c_str();
+  });
 }
 
 void qvlsldi_destroyIterator(qvlsl_Iterator* iterator) {
-  qvehost::internal::DeleteObject(iterator);
+  Guarded(__func__, [&] {
+    qvehost::internal::DeleteObject(iterator);
+  });
 }
 
 }  // extern "C"

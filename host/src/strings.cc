@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "guard.h"
 #include "qve/host.h"
 
 namespace {
@@ -15,39 +16,51 @@ char AsciiLower(char c) {
 
 }  // namespace
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 char* qveustr_strncpy(char* destination, const char* source, size_t bound) {
-  if (destination == nullptr || source == nullptr) return destination;
-  return std::strncpy(destination, source, bound);
+  return Guarded<char*>(__func__, destination, [&]() -> char* {
+    if (destination == nullptr || source == nullptr) return destination;
+    return std::strncpy(destination, source, bound);
+  });
 }
 
 int qveupt_snprintf(char* buffer, size_t size, const char* format, ...) {
   if (format == nullptr) return 0;
   va_list args;
   va_start(args, format);
-  int length = std::vsnprintf(size > 0 ? buffer : nullptr,
-                              buffer != nullptr ? size : 0, format, args);
+  const int length = Guarded<int>(__func__, -1, [&] {
+    return std::vsnprintf(size > 0 ? buffer : nullptr,
+                          buffer != nullptr ? size : 0, format, args);
+  });
   va_end(args);
   return length;
 }
 
 int32_t qve_equals(const char* first, const char* second) {
-  if (first == nullptr || second == nullptr) return 0;
-  return std::strcmp(first, second) == 0 ? 1 : 0;
+  return Guarded<int32_t>(__func__, 0, [&]() -> int32_t {
+    if (first == nullptr || second == nullptr) return 0;
+    return std::strcmp(first, second) == 0 ? 1 : 0;
+  });
 }
 
 int32_t strcaseeq(const char* first, const char* second) {
-  if (first == nullptr || second == nullptr) return first == second ? 0 : 1;
-  while (*first != '\0' && AsciiLower(*first) == AsciiLower(*second)) {
-    ++first;
-    ++second;
-  }
-  return AsciiLower(*first) == AsciiLower(*second) ? 0 : 1;
+  return Guarded<int32_t>(__func__, 1, [&]() -> int32_t {
+    if (first == nullptr || second == nullptr) return first == second ? 0 : 1;
+    while (*first != '\0' && AsciiLower(*first) == AsciiLower(*second)) {
+      ++first;
+      ++second;
+    }
+    return AsciiLower(*first) == AsciiLower(*second) ? 0 : 1;
+  });
 }
 
 uint32_t qveut_currentSeconds(void) {
-  return static_cast<uint32_t>(std::time(nullptr));
+  return Guarded<uint32_t>(__func__, 0, [&]() -> uint32_t {
+    return static_cast<uint32_t>(std::time(nullptr));
+  });
 }
 
 }  // extern "C"

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "guard.h"
 #include "host_internal.h"
 #include "qve/host.h"
 
@@ -246,54 +247,63 @@ void DeleteRow(qvedrvr_ValueRow* row) {
 
 }  // namespace qvehost::internal
 
+using qvehost::internal::Guarded;
+
 extern "C" {
 
 qvedrvr_ValueRow* qvedrvr_ValueRow_new(void) {
-  qvehost::internal::ObjectCount* count = nullptr;
-  try {
-    count = &CountOf<qvedrvr_ValueRow>();
-  } catch (...) {
-    return nullptr;  // the first row's counter could not be made
-  }
-  uint32_t capacity = InlineCapacity();
-  void* block = std::malloc(sizeof(Row) + capacity);
-  if (block == nullptr) return nullptr;
-  count->Add();
-  return new (block) Row{0, capacity, 0, 0};
+  return Guarded<qvedrvr_ValueRow*>(
+      __func__, nullptr, [&]() -> qvedrvr_ValueRow* {
+    qvehost::internal::ObjectCount* count = nullptr;
+    try {
+      count = &CountOf<qvedrvr_ValueRow>();
+    } catch (...) {
+      return nullptr;  // the first row's counter could not be made
+    }
+    uint32_t capacity = InlineCapacity();
+    void* block = std::malloc(sizeof(Row) + capacity);
+    if (block == nullptr) return nullptr;
+    count->Add();
+    return new (block) Row{0, capacity, 0, 0};
+  });
 }
 
 void qvedrvr_ValueRow_setStringValue(qvedrvr_ValueRow* row, int32_t column,
                                      const char* text) {
-  if (row == nullptr || column < 0) return;
-  auto at = static_cast<uint32_t>(column);
-  size_t body = text != nullptr ? std::strlen(text) + 1 : 0;
-  if (!Reserve(row, EntrySize(*row, at, body))) return;
-  ReleaseValue(row, at);
-  char* out = StartEntry(row, text != nullptr ? kString : kNull, at, body);
-  if (text != nullptr) std::memcpy(out, text, body);
+  Guarded(__func__, [&] {
+    if (row == nullptr || column < 0) return;
+    auto at = static_cast<uint32_t>(column);
+    size_t body = text != nullptr ? std::strlen(text) + 1 : 0;
+    if (!Reserve(row, EntrySize(*row, at, body))) return;
+    ReleaseValue(row, at);
+    char* out = StartEntry(row, text != nullptr ? kString : kNull, at, body);
+    if (text != nullptr) std::memcpy(out, text, body);
+  });
 }
 
 void qvedrvr_ValueRow_setMetricValue(qvedrvr_ValueRow* row, int32_t column,
                                      qvedrmv_MetricValue* value) {
-  if (row != nullptr && column >= 0) {
-    auto at = static_cast<uint32_t>(column);
-    Entry held;
-    if (value != nullptr && FindValue(*row, at, &held) &&
-        ValueOf(held) == value) {
-      return;
-    }
-    size_t body = value != nullptr ? kAddress : 0;
-    if (Reserve(row, EntrySize(*row, at, body))) {
-      ReleaseValue(row, at);
-      char* out = StartEntry(row, value != nullptr ? kValue : kNull, at, body);
-      if (value != nullptr) {
-        std::memcpy(out, &value, kAddress);
-        row->flags |= kHasValues;
+  Guarded(__func__, [&] {
+    if (row != nullptr && column >= 0) {
+      auto at = static_cast<uint32_t>(column);
+      Entry held;
+      if (value != nullptr && FindValue(*row, at, &held) &&
+          ValueOf(held) == value) {
+        return;
       }
-      return;
+      size_t body = value != nullptr ? kAddress : 0;
+      if (Reserve(row, EntrySize(*row, at, body))) {
+        ReleaseValue(row, at);
+        char* out = StartEntry(row, value != nullptr ? kValue : kNull, at, body);
+        if (value != nullptr) {
+          std::memcpy(out, &value, kAddress);
+          row->flags |= kHasValues;
+        }
+        return;
+      }
     }
-  }
-  DeleteMetricValue(value);  // handed over: it must not leak
+    DeleteMetricValue(value);  // handed over: it must not leak
+  });
 }
 
 }  // extern "C"

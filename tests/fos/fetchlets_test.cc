@@ -5,7 +5,7 @@
 
 #include "fos/qvefos_abort.h"
 #include "fos/qvefos_os.h"
-#include "fos/run_support.h"
+#include "common/run_support.h"
 #include "fosl/qvefosl_os_line.h"
 #include "foslt/qvefoslt_os_line_token.h"
 #include "fosud/qvefosud_metric.h"
@@ -114,7 +114,7 @@ TEST_F(FetchletTest, LinesAndTokensShareOneSequence) {
 TEST(FamilyTest, EachFamilyWorksUnderItsOwnLog) {
   const struct {
     const char *log, *kind;
-    int32_t (*get)(qvefet_Context*, qvefet_Fetchlet**);
+    qvefet_GetFetchletFn get;
     void (*free)(qvefet_Fetchlet*);
   } families[] = {
       {"fetchlets.os", "OS", qvefos_getFetchlet, qvefos_freeFetchlet},

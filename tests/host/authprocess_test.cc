@@ -74,7 +74,7 @@ class AuthProcessTest : public testing::Test {
             password, env);
     Finished f;
     f.started = qvejcap_Process_run(process) == 0;
-    char text[8208] = {'?'};
+    char text[QVE_LAUNCHER_TEXT_BUFFER] = {'?'};
     qvejcap_Process_qvo_stderr_read(process, text, 0, 0);
     f.text = text;
     qvejcap_Process_stdin_close(process);
@@ -258,7 +258,7 @@ TEST(AuthProcessStartTest, MissingLauncherFailsTheStartWithoutText) {
   qvehost::SetLauncherPath("/no/such/fetchlet-launch");
   qvejcap_Process* process = New(context, {"/bin/true"}, "user", "pw");
   EXPECT_NE(qvejcap_Process_run(process), 0);
-  char text[8208] = {'?'};
+  char text[QVE_LAUNCHER_TEXT_BUFFER] = {'?'};
   EXPECT_EQ(qvejcap_Process_qvo_stderr_read(process, text, 0, 0), 0);
   EXPECT_STREQ(text, "");
   qvejcap_Process_delete(process);

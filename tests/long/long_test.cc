@@ -12,7 +12,7 @@
 #include <set>
 
 #include "fos/qvefos_os.h"
-#include "fos/run_support.h"
+#include "common/run_support.h"
 #include "fosl/qvefosl_lines.h"
 #include "fosl/qvefosl_os_line.h"
 #include "foslt/qvefoslt_os_line_token.h"
@@ -23,7 +23,7 @@ namespace {
 
 // One family's three entry points.
 struct Fetchlet {
-  int32_t (*getFetchlet)(qvefet_Context*, qvefet_Fetchlet**);
+  qvefet_GetFetchletFn getFetchlet;
   void (*freeFetchlet)(qvefet_Fetchlet*);
   qvefet_GetMetricFn getMetric;
 };
@@ -43,16 +43,6 @@ Props WithCredentials(const TestAccount& account, const Props& props) {
   Props all = {{"username", account.name}, {"password", account.password}};
   all.insert(all.end(), props.begin(), props.end());
   return all;
-}
-
-std::set<int> OpenDescriptors() {
-  // The listing's own descriptor is among them, the same one every time
-  // while the others are the same.
-  std::set<int> fds;
-  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-    fds.insert(std::stoi(fd.path().filename()));
-  }
-  return fds;
 }
 
 // The fixture of the long tests: a context, and the host's state after a

@@ -15,6 +15,10 @@
  *    ownership of what it passed.
  *  - "Owned by X" means X releases it; a pointer returned as "borrowed" stays
  *    valid as long as the object it came from, unless said otherwise.
+ *  - The operations marked QVE_HOST_EXTRA are the embedded host's own, for
+ *    hosts and programs: an agent's host need not offer them, and the plug-in
+ *    never depends on them. Every other operation here is the agent's
+ *    contract, listed in host/contract.symbols.
  */
 #ifndef QVE_HOST_H_
 #define QVE_HOST_H_
@@ -28,9 +32,17 @@ extern "C" {
 
 #if defined(__GNUC__)
 #define QVE_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+/* The export mark: a host library built with hidden visibility exports
+ * exactly what these enclose. */
+#define QVE_HOST_EXPORTS_BEGIN _Pragma("GCC visibility push(default)")
+#define QVE_HOST_EXPORTS_END _Pragma("GCC visibility pop")
 #else
 #define QVE_PRINTF(fmt, args)
+#define QVE_HOST_EXPORTS_BEGIN
+#define QVE_HOST_EXPORTS_END
 #endif
+/* Marks an operation outside the agent's contract. */
+#define QVE_HOST_EXTRA
 
 /* ------------------------------------------------------------------------ */
 /* Constants                                                                */
@@ -122,12 +134,20 @@ typedef int32_t (*qvefet_GetMetricFn)(qvefet_Context *fetchletContext,
                                       qvedrmr_MetricResult **resultOut,
                                       qveue_Exception **exceptionOut);
 typedef void (*qvefet_FreeFetchletFn)(qvefet_Fetchlet *fetchlet);
+/* A family's getFetchlet, as an agent finds it in the plug-in: 0 with a new
+ * handle in *fetchletOut, owned by the caller until the family's
+ * freeFetchlet. */
+typedef int32_t (*qvefet_GetFetchletFn)(qvefet_Context *fetchletContext,
+                                        qvefet_Fetchlet **fetchletOut);
 
 /* Abort callback: called with the context, the request identifier and the
  * user data given at registration. Its result is ignored by the host. */
 typedef int32_t (*qvefet_AbortCallback)(qvefet_Context *fetchletContext,
                                         const char *requestId,
                                         void *userData);
+
+/* The operations; the types above stay the host's own. */
+QVE_HOST_EXPORTS_BEGIN
 
 /* A new handle recording the three arguments, or null. Owned by the caller
  * until qvefet_freeFetchlet. */
@@ -263,9 +283,9 @@ void qvedrmr_MetricResult_addValueRow(qvedrmr_MetricResult *result,
                                       qvedrvr_ValueRow *row);
 void qvedrmr_MetricResult_setWarning(qvedrmr_MetricResult *result,
                                      const char *text);
-/* Releases a result with all it owns (for hosts and programs; the plug-in
- * never frees a result it has handed back). */
-void qvedrmr_MetricResult_delete(qvedrmr_MetricResult *result);
+/* Releases a result with all it owns (the plug-in never frees a result it
+ * has handed back, and calls this only when a host offers it). */
+QVE_HOST_EXTRA void qvedrmr_MetricResult_delete(qvedrmr_MetricResult *result);
 
 qvedrvr_ValueRow *qvedrvr_ValueRow_new(void);
 /* Sets column (from 0) to a copy of text; null marks the column as set with
@@ -291,8 +311,8 @@ const char *qveue_Exception_getErrorMessage(qveue_Exception *exception);
 /* Replaces the message with a copy of text. */
 void qveue_Exception_setErrorMessage(qveue_Exception *exception,
                                      const char *text);
-/* The kind (for hosts and programs; the plug-in does not read it). */
-int32_t qveue_Exception_getKind(qveue_Exception *exception);
+/* The kind (the plug-in does not read it). */
+QVE_HOST_EXTRA int32_t qveue_Exception_getKind(qveue_Exception *exception);
 void qveue_Exception_delete(qveue_Exception *exception);
 /* Hands exception (which may be null) to the caller's slot: stores it there
  * when the slot is non-null; otherwise releases it. */
@@ -380,9 +400,13 @@ qvejcap_Process *qvejcap_Process_new(qvefet_Context *fetchletContext,
  * qvejcap_Process_qvo_stderr_read and the process exits non-zero. Non-zero
  * when the command could not be executed; there are no codes for the cause. */
 int32_t qvejcap_Process_run(qvejcap_Process *process);
+/* Bytes of the buffer that qvejcap_Process_qvo_stderr_read fills: the text
+ * is at most one less, then its NUL. */
+#define QVE_LAUNCHER_TEXT_BUFFER 8208
+
 /* Leaves in buffer the launcher's own error text, NUL-terminated, possibly
- * empty (buffer holds at least 8208 bytes). The two zero arguments are
- * reserved. Returns 0. */
+ * empty (buffer holds at least QVE_LAUNCHER_TEXT_BUFFER bytes). The two zero
+ * arguments are reserved. Returns 0. */
 int32_t qvejcap_Process_qvo_stderr_read(qvejcap_Process *process,
                                         char *buffer, int32_t reserved1,
                                         int32_t reserved2);
@@ -440,6 +464,8 @@ void sqvejcx_IOMuxor_delete(sqvejcx_IOMuxor *mux);
 qvedcpdpr_PDPRuntime *qvedcpdpr_getPDPRuntimeFromNVPairs(
     qvefet_Context *fetchletContext, qvlnv_NVList *properties);
 void qvedcpdpr_PDPRuntime_delete(qvedcpdpr_PDPRuntime *runtime);
+
+QVE_HOST_EXPORTS_END
 
 #ifdef __cplusplus
 } /* extern "C" */
