@@ -32,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/host_argv.h"
 #include "bench/raw_loop.h"
 #include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
@@ -85,25 +86,11 @@ std::string SelfPath() {
 
 // ---- Through the runner ---------------------------------------------------
 
-char** HostArgv(const std::vector<std::string>& args) {
-  auto** argv = static_cast<char**>(
-      qve_alloc0((args.size() + 1) * sizeof(char*), "bench", __LINE__));
-  for (size_t i = 0; i < args.size(); ++i) {
-    argv[i] = qve_allocpy0(args[i].c_str(), "bench", __LINE__);
-  }
-  return argv;
-}
-
-void FreeHostArgv(char** argv) {
-  for (char** arg = argv; *arg != nullptr; ++arg) qve_free0(*arg, "bench", 0);
-  qve_free0(argv, "bench", 0);
-}
-
 SideReport RunnerSide(const std::vector<std::string>& args) {
   qvehost::SetLogLevel(qvehost::LogLevel::kOff);
   qvefet_Context* context = qvehost::NewContext();
   qveulm_LogCtx* log = qveulm_getLogCtx(context->logSource, "fetchlets.os");
-  char** argv = HostArgv(args);
+  char** argv = qvetest::NewHostArgv(args, "bench");
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;
@@ -118,7 +105,7 @@ SideReport RunnerSide(const std::vector<std::string>& args) {
   if (out != nullptr) qve_free0(out, "bench", 0);
   if (err != nullptr) qve_free0(err, "bench", 0);
   if (exception != nullptr) qveue_Exception_delete(exception);
-  FreeHostArgv(argv);
+  qvetest::FreeHostArgv(argv, "bench");
   qvehost::DeleteContext(context);
   return report;
 }

@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/host_argv.h"
 #include "bench/raw_loop.h"
 #include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
@@ -58,30 +59,16 @@ struct Host {
 
 // ---- Through the runner -------------------------------------------------
 
-char** HostArgv(const std::vector<std::string>& args) {
-  auto** argv = static_cast<char**>(
-      qve_alloc0((args.size() + 1) * sizeof(char*), "bench", __LINE__));
-  for (size_t i = 0; i < args.size(); ++i) {
-    argv[i] = qve_allocpy0(args[i].c_str(), "bench", __LINE__);
-  }
-  return argv;
-}
-
-void FreeHostArgv(char** argv) {
-  for (char** arg = argv; *arg != nullptr; ++arg) qve_free0(*arg, "bench", 0);
-  qve_free0(argv, "bench", 0);
-}
-
 // Bytes of standard output of one evaluation.
 size_t RunnerEval(const Host& host, const std::vector<std::string>& args) {
-  char** argv = HostArgv(args);
+  char** argv = qvetest::NewHostArgv(args, "bench");
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;
   const int32_t status = qvefos_executeCommand(
       host.context, argv, nullptr, nullptr, kTimeoutSeconds, nullptr, 0, &out,
       &err, &exception, host.log);
-  FreeHostArgv(argv);
+  qvetest::FreeHostArgv(argv, "bench");
   if (status != 0) {
     std::fprintf(stderr, "run_overhead: runner failed: %s\n",
                  exception != nullptr

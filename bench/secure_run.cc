@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/host_argv.h"
 #include "fos/qvefos_runner.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -118,28 +119,10 @@ std::vector<std::string> Command(const Bench& bench, Kind kind) {
           "/bin/true"};
 }
 
-char** NewArgv(const std::vector<std::string>& words) {
-  auto** argv = static_cast<char**>(
-      qve_alloc0((words.size() + 1) * sizeof(char*), "bench", __LINE__));
-  for (size_t i = 0; i < words.size(); ++i) {
-    argv[i] = qve_allocpy0(words[i].c_str(), "bench", __LINE__);
-  }
-  return argv;
-}
-
-// The runner may have replaced the program's path with one of its own.
-void FreeArgv(char** argv) {
-  if (argv[0] != nullptr) qve_free0(argv[0], "qvefos", __LINE__);
-  for (char** word = argv + 1; *word != nullptr; ++word) {
-    qve_free0(*word, "bench", __LINE__);
-  }
-  qve_free0(argv, "bench", __LINE__);
-}
-
 // Milliseconds of one run; negative when it failed.
 double TimeRun(const Bench& bench, Kind kind) {
   const bool secure = kind >= kPermit;
-  char** argv = NewArgv(Command(bench, kind));
+  char** argv = qvetest::NewHostArgv(Command(bench, kind), "bench");
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;
@@ -161,7 +144,7 @@ double TimeRun(const Bench& bench, Kind kind) {
                  qveue_Exception_getErrorMessage(exception));
     qveue_Exception_delete(exception);
   }
-  FreeArgv(argv);
+  qvetest::FreeHostArgv(argv, "bench");
   return status == 0 ? ms : -1.0;
 }
 

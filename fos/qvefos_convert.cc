@@ -1,3 +1,4 @@
+#include "fos/qvefos_flags.h"
 #include "fos/qvefos_convert.h"
 
 #include <cstdint>
@@ -14,7 +15,6 @@ constexpr const char* kEntryTrace =
     "qvefos : Entering function - qvefos_convertOutputToUTF8\n";
 constexpr const char* kNeedCharsetConvert = "needCharsetConvert";
 constexpr const char* kConvertFromCharset = "ConvertFromCharset";
-constexpr const char* kTrue = "TRUE";
 constexpr const char* kNullShown = "(null)";
 
 constexpr const char* kNeedConvertLog = "needCharsetConvert = %s\n";
@@ -110,7 +110,7 @@ int32_t qvefos_convertOutputToUTF8(qvefet_Context* fetchletContext,
 
   const char* need = qvlnvlgv_getValue(properties, kNeedCharsetConvert);
   qve_debug(log, kNeedConvertLog, Shown(need));
-  if (need == nullptr || strcaseeq(need, kTrue) != 0) return 0;
+  if (!qvefos::IsTrueIgnoringCase(need)) return 0;
 
   int32_t fromId = StdoutCharset(language, properties, osId, log);
   qve_debug(log, kFromIdLog, fromId);

@@ -1,6 +1,5 @@
 // The plain runner: the run algorithm over the host's plain process family.
-#include "fos/qvefos_run.h"
-#include "fos/qvefos_runner.h"
+#include "fos/qvefos_run_impl.h"
 
 namespace qvefos {
 namespace {

@@ -1,5 +1,6 @@
 // Argument splitting, the standard-input text and the driver's small rules:
 // command line, time limit, request identifier and runner choice.
+#include "fos/qvefos_flags.h"
 #include "fos/qvefos_request.h"
 
 #include <cstdint>
@@ -261,7 +262,7 @@ RunnerChoice ChooseRunner(qvlnv_NVList* properties, qveulm_LogCtx* log) {
       "Error running secure command. Either username or password isn't "
       "provided while isSecureCommand is set to TRUE.";
   const char* secure = qvlnvlgv_getValue(properties, "isSecureCommand");
-  if (secure == nullptr || strcaseeq(secure, "TRUE") != 0) return {};
+  if (!qvefos::IsTrueIgnoringCase(secure)) return {};
   RunnerChoice choice;
   choice.username = qvlnvlgv_getValue(properties, "username");
   choice.password = qvlnvlgv_getValue(properties, "password");

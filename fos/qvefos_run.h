@@ -8,9 +8,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "fos/qvefos_abort.h"
-#include "fos/qvefos_memory.h"
-#include "fos/qvefos_runner.h"
 #include "qve/host.h"
 
 namespace qvefos {
@@ -66,7 +63,10 @@ concept ProcessKind = requires(typename K::Process* p, const RunRequest& r,
   K::Kill(p);
   K::GetExitValue(p, slot);
   K::Delete(p);
-};
+} && (!K::kHasLauncherText || requires(typename K::Process* p, char* buffer) {
+  // buffer holds QVE_LAUNCHER_TEXT_BUFFER bytes
+  { K::LauncherTextRead(p, buffer) } -> std::same_as<int32_t>;
+});
 
 inline constexpr const char* kWriteStdinTrace =
     "qvefos : Entering function - qvefos_writeStdinToCommand\n";
@@ -95,52 +95,6 @@ bool qvefos_writeStdinToCommand(typename K::Process* process,
   return true;
 }
 
-// A captured stream's text: host-allocated, NUL-terminated, grown by exactly
-// each chunk plus one.
-struct CapturedText {
-  char* text = nullptr;
-  uint32_t length = 0;
-
-  // Copies the chunk up to its first NUL; the rest of the chunk stays NUL
-  // while the length still counts it.
-  bool Append(const char* chunk, uint32_t n) {
-    auto* grown = static_cast<char*>(kFosMemory.Realloc(text, length + n + 1));
-    if (grown == nullptr) return false;
-    text = grown;
-    const size_t copied = strnlen(chunk, n);
-    std::memcpy(text + length, chunk, copied);
-    std::memset(text + length + copied, 0, n - copied + 1);
-    length += n;
-    return true;
-  }
-  // The launcher's own text, then one space before the command's.
-  bool AppendWithSpace(const char* chunk, uint32_t n) {
-    auto* grown = static_cast<char*>(kFosMemory.Realloc(text, length + n + 2));
-    if (grown == nullptr) return false;
-    text = grown;
-    std::memcpy(text + length, chunk, n);
-    text[length + n] = ' ';
-    length += n + 1;
-    text[length] = '\0';
-    return true;
-  }
-  // Hands the text to a slot, or frees it when there is no slot.
-  void HandTo(char** slot) {
-    if (slot != nullptr) {
-      *slot = text;
-    } else if (text != nullptr) {
-      kFosMemory.Free(text);
-    }
-    text = nullptr;
-  }
-  void Drop() {
-    if (text != nullptr) kFosMemory.Free(text);
-    text = nullptr;
-  }
-};
-
 }  // namespace qvefos
-
-#include "fos/qvefos_run_impl.h"
 
 #endif  // QVE_FOS_QVEFOS_RUN_H_

@@ -1,7 +1,17 @@
-// The run itself: start, feed, collect, wind down, judge, release. Included
-// by qvefos_run.h only.
+// The run itself: start, feed, collect, wind down, judge, release; included
+// by the two runners, each instantiating it over its process kind.
 #ifndef QVE_FOS_QVEFOS_RUN_IMPL_H_
 #define QVE_FOS_QVEFOS_RUN_IMPL_H_
+
+#include <cstdint>
+#include <cstring>
+
+#include "fos/qvefos_abort.h"
+#include "fos/qvefos_captured_text.h"
+#include "fos/qvefos_memory.h"
+#include "fos/qvefos_run.h"
+#include "fos/qvefos_runner.h"
+#include "qve/host.h"
 
 namespace qvefos {
 
@@ -26,6 +36,8 @@ inline constexpr const char* kStderrLog = "Process stderr = %s\n";
 inline constexpr const char* kOutOfMemory = "Unable to allocate memory";
 
 inline constexpr int32_t kReadMaximum = 8207;
+// The read buffer also takes the launcher's text.
+static_assert(kReadMaximum + 1 >= QVE_LAUNCHER_TEXT_BUFFER);
 inline constexpr int32_t kWaitBound = 1000;
 
 template <ProcessKind K>
@@ -96,6 +108,8 @@ class Run {
     }
   }
 
+  // Without an exception slot a failed write is only logged and the run
+  // goes on: the caller then hears of it only through the command's exit.
   bool FeedStdin() {
     if (!qvefos_writeStdinToCommand<K>(process_, r_.stdinText, r_.log) &&
         r_.exceptionOut != nullptr) {

@@ -1,7 +1,6 @@
 // The authenticated runner: the run algorithm over the host's authenticated
 // process family, which starts the command through the launcher.
-#include "fos/qvefos_run.h"
-#include "fos/qvefos_runner.h"
+#include "fos/qvefos_run_impl.h"
 
 namespace qvefos {
 namespace {

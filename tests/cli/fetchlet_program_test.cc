@@ -5,7 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include "fos/run_support.h"
+#include "common/run_support.h"
 
 extern char** environ;
 

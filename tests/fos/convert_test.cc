@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "fos/qvefos_convert.h"
-#include "fos/run_support.h"
+#include "common/run_support.h"
 
 namespace qvetest {
 namespace {

@@ -6,7 +6,7 @@
 #include <climits>
 
 #include "fos/qvefos_request.h"
-#include "fos/run_support.h"
+#include "common/run_support.h"
 
 namespace qvetest {
 namespace {

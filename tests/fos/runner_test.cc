@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/time.h>
 
-#include "fos/run_support.h"
+#include "common/run_support.h"
+#include "fos/qvefos_captured_text.h"
 
 namespace qvetest {
 namespace {
@@ -102,6 +104,72 @@ TEST_F(RunnerTest, LargeTextsGoThroughWithoutLoss) {
   std::string input(4u << 20, 'x');
   for (size_t i = 99; i < input.size(); i += 100) input[i] = '\n';
   EXPECT_EQ(RunShell(context_, "cat", {.stdinText = input}), Ok(input));
+}
+
+// An interval timer interrupts every poll, read, write and wait of whole
+// runs through a handler without SA_RESTART: the runner and the host must
+// retry them all and lose no byte.
+TEST_F(RunnerTest, RunsThroughAnIntervalTimerWithoutRestart) {
+  static std::atomic<int> ticks{0};
+  struct sigaction action = {}, previous = {};
+  action.sa_handler = [](int) { ticks.fetch_add(1); };
+  ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);
+  const itimerval every{{0, 500}, {0, 500}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
+  const std::string input(64 << 10, 'i');
+  const struct {
+    std::string script;
+    Text stdinText;
+    std::string out;
+  } cases[] = {
+      {"cat", input, input},
+      {"for i in 1 2 3 4 5 6 7 8; do head -c 8192 /dev/zero | tr '\\0' o;"
+       " sleep 0.01; done", {}, std::string(64 << 10, 'o')},
+      {"head -c 65536 /dev/zero | tr '\\0' e >&2; sleep 0.05; echo done", {},
+       "done\n"},
+  };
+  for (const auto& c : cases) {
+    const Json r = RunShell(context_, c.script, {.stdinText = c.stdinText});
+    ASSERT_EQ(r["status"], 0) << c.script << " " << r.dump().substr(0, 200);
+    EXPECT_TRUE(r["result"]["out"] == c.out) << c.script;
+  }
+  const itimerval off{};
+  setitimer(ITIMER_REAL, &off, nullptr);
+  sigaction(SIGALRM, &previous, nullptr);
+  EXPECT_GT(ticks.load(), 0);
+}
+
+// Growth past the length's range fails before any allocation, as a refused
+// one does; the text keeps what it held.
+TEST_F(RunnerTest, CapturedTextNeverWrapsItsLength) {
+  const struct {
+    uint32_t start;
+    uint32_t chunk;
+    bool withSpace;
+    bool grows;
+  } cases[] = {
+      {UINT32_MAX - 8, 8, false, true},   {UINT32_MAX - 8, 9, false, false},
+      {UINT32_MAX - 8, 7, true, true},    {UINT32_MAX - 8, 8, true, false},
+      {UINT32_MAX, 1, false, false},      {UINT32_MAX - 1, 0, true, true},
+  };
+  for (const auto& c : cases) {
+    qvehost::ResetFaults();
+    qvefos::CapturedText captured;
+    captured.text = static_cast<char*>(qvefos::kFosMemory.Alloc(1));
+    captured.length = c.start;
+    const char chunk[16] = "abcdefghijklmno";
+    if (c.grows) {
+      // A stand-in for the tail: only the bounds check is under test.
+      qvehost::FailAllocation("qvefos", 1, false);
+    }
+    const bool appended = c.withSpace ? captured.AppendWithSpace(chunk, c.chunk)
+                                      : captured.Append(chunk, c.chunk);
+    EXPECT_FALSE(appended) << c.start << " + " << c.chunk;
+    EXPECT_EQ(captured.length, c.start);
+    EXPECT_EQ(qvehost::AllocationCount("qvefos"), c.grows ? 2u : 1u)
+        << "a wrap must fail before it asks for memory";
+    captured.Drop();
+  }
 }
 
 TEST_F(RunnerTest, CommandThatLeavesStdinUnreadIsAWriteFailure) {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "fos/qvefos_os.h"
-#include "fos/run_support.h"
+#include "common/run_support.h"
 #include "fosud/qvefosud_metric.h"
 
 namespace qvetest {

@@ -2,7 +2,7 @@
 // tables, the warning and its sources, the debug log, faults.
 #include <gtest/gtest.h>
 
-#include "fos/run_support.h"
+#include "common/run_support.h"
 #include "foslt/qvefoslt_parse.h"
 
 namespace qvetest {

@@ -2,7 +2,7 @@
 // output protocol on texts, and what a failed run yields by server version.
 #include <gtest/gtest.h>
 
-#include "fos/run_support.h"
+#include "common/run_support.h"
 #include "fosud/qvefosud_metric.h"
 #include "fosud/qvefosud_protocol.h"
 

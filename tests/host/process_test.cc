@@ -20,9 +20,12 @@
 #include <thread>
 #include <vector>
 
+#include "common/processes.h"
 #include "qve/host.h"
 
 namespace {
+
+using qvetest::OpenDescriptors;
 
 using Strings = std::vector<std::string>;
 using Kinds = std::vector<uint32_t>;
@@ -107,15 +110,6 @@ void SetDisposition(int sig, void (*handler)(int)) {
   sigaction(sig, &action, nullptr);
 }
 
-Strings OpenDescriptors() {
-  Strings names;
-  for (const auto& entry :
-       std::filesystem::directory_iterator("/proc/self/fd")) {
-    names.push_back(entry.path().filename());
-  }
-  return names;
-}
-
 class ProcessTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -144,7 +138,7 @@ class ProcessTest : public testing::Test {
     prctl(PR_SET_CHILD_SUBREAPER, 0);
   }
 
-  Strings descriptors_;
+  std::set<int> descriptors_;
 };
 
 // A script without "#!", found in PATH, runs through /bin/sh. A process that

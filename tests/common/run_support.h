@@ -1,7 +1,7 @@
 // Running commands and metrics through the plug-in from tests, with every
 // outcome as one JSON value that compares and prints whole.
-#ifndef QVE_TESTS_FOS_RUN_SUPPORT_H_
-#define QVE_TESTS_FOS_RUN_SUPPORT_H_
+#ifndef QVE_TESTS_COMMON_RUN_SUPPORT_H_
+#define QVE_TESTS_COMMON_RUN_SUPPORT_H_
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -13,8 +13,11 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <thread>
 
+#include "common/host_argv.h"
+#include "common/processes.h"
 #include "common/test_account.h"
 #include "fos/qvefos_driver.h"
 #include "fos/qvefos_runner.h"
@@ -91,20 +94,9 @@ inline Json TextsOutcome(int32_t status, char* out, char* err,
 // Host-allocated strings, as the runner takes argv (it replaces argv[0]);
 // null for none. Released by the deleter.
 inline auto NewStrings(const Strings& strings) {
-  auto release = [](char** array) {
-    for (char** s = array; s != nullptr && *s != nullptr; ++s) {
-      qve_free0(*s, "tests", 0);
-    }
-    if (array != nullptr) qve_free0(array, "tests", 0);
-  };
-  std::unique_ptr<char*, decltype(release)> array(nullptr, release);
-  if (strings.empty()) return array;
-  array.reset(static_cast<char**>(
-      qve_alloc0((strings.size() + 1) * sizeof(char*), "tests", __LINE__)));
-  for (size_t i = 0; i < strings.size(); ++i) {
-    array.get()[i] = qve_allocpy0(strings[i].c_str(), "tests", __LINE__);
-  }
-  return array;
+  auto release = [](char** array) { FreeHostArgv(array, "tests"); };
+  return std::unique_ptr<char*, decltype(release)>(
+      strings.empty() ? nullptr : NewHostArgv(strings, "tests"), release);
 }
 
 struct RunOptions {
@@ -228,38 +220,6 @@ inline std::string WithUser(std::string text, const std::string& name) {
   return text;
 }
 
-// Makes this process the reaper of orphaned descendants, so tests can see
-// that none is left.
-inline void BecomeSubreaper() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
-
-// This process's children, zombies included, of every thread.
-inline std::vector<int> ChildPids() {
-  std::vector<int> pids;
-  for (const auto& task :
-       std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream children(task.path() / "children");
-    for (int pid = 0; children >> pid;) pids.push_back(pid);
-  }
-  return pids;
-}
-
-// Reaps the orphans a killed run left here and returns the children still
-// running after a few seconds: none, if nothing leaked. Grandchildren of a
-// killed group die of the group's SIGKILL; one still running was never
-// killed.
-inline std::vector<int> SurvivingChildren() {
-  std::vector<int> alive;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    alive.clear();
-    for (int pid : ChildPids()) {
-      if (waitpid(pid, nullptr, WNOHANG) == 0) alive.push_back(pid);
-    }
-    if (alive.empty()) break;
-    usleep(30000);
-  }
-  return alive;
-}
-
 }  // namespace qvetest
 
-#endif  // QVE_TESTS_FOS_RUN_SUPPORT_H_
+#endif  // QVE_TESTS_COMMON_RUN_SUPPORT_H_

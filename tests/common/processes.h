@@ -1,0 +1,61 @@
+// Checks that a test left no process and no descriptor behind.
+#ifndef QVE_TESTS_COMMON_PROCESSES_H_
+#define QVE_TESTS_COMMON_PROCESSES_H_
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qvetest {
+
+// This process's open descriptors. The listing's own is among them, the
+// same one every time while the others are the same.
+inline std::set<int> OpenDescriptors() {
+  std::set<int> fds;
+  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    fds.insert(std::stoi(fd.path().filename()));
+  }
+  return fds;
+}
+
+// Makes this process the reaper of orphaned descendants, so tests can see
+// that none is left.
+inline void BecomeSubreaper() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+
+// This process's children, zombies included, of every thread.
+inline std::vector<int> ChildPids() {
+  std::vector<int> pids;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream children(task.path() / "children");
+    for (int pid = 0; children >> pid;) pids.push_back(pid);
+  }
+  return pids;
+}
+
+// Reaps the orphans a killed run left here and returns the children still
+// running after a few seconds: none, if nothing leaked. Grandchildren of a
+// killed group die of the group's SIGKILL; one still running was never
+// killed.
+inline std::vector<int> SurvivingChildren() {
+  std::vector<int> alive;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    alive.clear();
+    for (int pid : ChildPids()) {
+      if (waitpid(pid, nullptr, WNOHANG) == 0) alive.push_back(pid);
+    }
+    if (alive.empty()) break;
+    usleep(30000);
+  }
+  return alive;
+}
+
+}  // namespace qvetest
+
+#endif  // QVE_TESTS_COMMON_PROCESSES_H_
