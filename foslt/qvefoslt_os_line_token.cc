@@ -1,4 +1,5 @@
 // The OSLineToken fetchlet: the command's output as a table of fields.
+#include "fos/qvefos_flags.h"
 #include "foslt/qvefoslt_os_line_token.h"
 
 #include "fos/qvefos_driver.h"
@@ -9,7 +10,6 @@ namespace qvefoslt {
 namespace {
 
 constexpr const char* kSeparateErrorStream = "separateErrorStream";
-constexpr const char* kTrue = "TRUE";
 
 struct OsLineTokenFamily {
   static constexpr const char* kLogName = "fetchlets.oslinetok";
@@ -39,7 +39,7 @@ int32_t GetTableMetric(const TableFetchlet& fetchlet,
   qveulm_LogCtx* log = qvefos::FamilyLog(fetchletContext, fetchlet.logName);
   qve_devtrc(log, fetchlet.getMetricTrace);
   const bool separate =
-      qve_equals(qvlnvlgv_getValue(properties, kSeparateErrorStream), kTrue);
+      qvefos::PropertyIsTrue(properties, kSeparateErrorStream);
   char* out = nullptr;
   char* err = nullptr;
   qveue_Exception* exception = nullptr;

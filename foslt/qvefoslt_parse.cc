@@ -1,6 +1,7 @@
 // The table parser: classifies the lines of a command's output, splits data
 // lines into rows, cuts nested tables at separator lines and picks the
 // warning.
+#include "fos/qvefos_flags.h"
 #include "foslt/qvefoslt_parse.h"
 
 #include <cstring>
@@ -26,7 +27,6 @@ constexpr const char* kWarningStartsWith = "warningStartsWith";
 constexpr const char* kDelimiter = "delimiter";
 constexpr const char* kStartsWith = "startsWith";
 constexpr const char* kTableSeparator = "tableSeparator";
-constexpr const char* kTrue = "TRUE";
 constexpr const char* kNoDelimiters = "";
 
 // A property used as a line prefix; absent reads as null with length 0.
@@ -84,7 +84,7 @@ class TableParser {
  private:
   void ReadProperties() {
     stderrWarning_ =
-        qve_equals(qvlnvlgv_getValue(properties_, kUseStdErrForWarning), kTrue);
+        qvefos::PropertyIsTrue(properties_, kUseStdErrForWarning);
     warningPrefix_ = Prefix(qvlnvlgv_getValue(properties_, kWarningStartsWith));
     if (warningPrefix_.text != nullptr) {
       warnings_ = qveusb_StringBuffer_new();

@@ -1,5 +1,6 @@
 // The UDM fetchlet: check the request, run the script under the user's
 // credentials, convert its output, read the tagged lines into the result.
+#include "fos/qvefos_flags.h"
 #include "fosud/qvefosud_metric.h"
 
 #include <cstring>
@@ -81,10 +82,12 @@ class UdmRun {
     const char* args = Value("args");
     envp_ = qvefos_buildEnvironment(properties_);
     const int32_t separateErrorStream =
-        qve_equals(Value("separateErrorStream"), "TRUE") != 0 ? 1 : 0;
+        qvefos::IsTrue(Value("separateErrorStream")) ? 1 : 0;
     if (!AssembleCommandLine(required.command, args) || !Split()) return -1;
     const int32_t timeoutSeconds = qvefos::ReadTimeoutSeconds(properties_);
     const char* requestId = qvefos::ReadRequestId(properties_, log_);
+    // Made for the host to see the request, never read here; a host that
+    // refuses one does not stop the run.
     runtime_ = qvedcpdpr_getPDPRuntimeFromNVPairs(context_, properties_);
     const int32_t status = qvefos_executeSecureCommand(
         context_, argv_, envp_, nullptr, timeoutSeconds, requestId,
