@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kInterruptedStatus = 130;
 
-void Watch(sigset_t signals, std::string requestId) {
+void Watch(sigset_t signals, const std::string& requestId) {
   bool abortSent = false;
   for (;;) {
     int signal = 0;

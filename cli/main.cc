@@ -187,7 +187,8 @@ int Run(const Options& o) {
 }  // namespace
 }  // namespace fetchlet
 
-int main(int argc, char** argv) {
+// Only a failed allocation escapes; it ends the program as it should.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   fetchlet::BlockInterrupts();
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);

@@ -36,6 +36,8 @@ char* MakeEntry(std::string_view name, const char* value,
   }
   std::memcpy(entry, name.data(), name.size());
   entry[name.size()] = '=';
+  // The block is zero-filled: the NUL after the value is already there.
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
   std::memcpy(entry + name.size() + 1, value, value_length);
   return entry;
 }

@@ -134,6 +134,7 @@ void AdviseHugePages(char* block, size_t size) {
   uintptr_t begin = (start + kHugePage - 1) & ~(kHugePage - 1);
   uintptr_t end = (start + size) & ~(kHugePage - 1);
   if (end > begin) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a page-aligned address
     madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
   }
 }
@@ -193,7 +194,7 @@ Scanner ScannerOf(const Charset& set) {
 }
 
 // Bytes scanned and copied at a time, so that the copy reads from cache.
-constexpr size_t kScanBlock = 16 * 1024;
+constexpr size_t kScanBlock = size_t{16} * 1024;
 // Longest sequence a block end can cut: the next block scans it whole.
 constexpr size_t kLongestSequence = 4;
 
@@ -232,6 +233,7 @@ int32_t ConvertWithinSet(Scanner scan, const Charset& set, const char* text,
 
 // ---- Through iconv ----
 
+// iconv_open's failure value. NOLINTNEXTLINE(performance-no-int-to-ptr)
 const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(intptr_t{-1});
 constexpr size_t kIconvError = static_cast<size_t>(-1);
 
@@ -320,6 +322,8 @@ int32_t ConvertWithIconv(const Charset& from, const Charset& to,
       flushing = true;
     } else if (error == E2BIG) {
       if (!out.Grow()) return kNoMemory;
+      // Strict ends at the first error, before the tolerant cases below.
+      // NOLINTNEXTLINE(bugprone-branch-clone)
     } else if (mode == Mode::kStrict) {
       return kInvalidText;
     } else if (error == EILSEQ && (flushing || in_left == 0)) {

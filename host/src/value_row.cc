@@ -106,8 +106,9 @@ bool Reserve(Row* row, size_t extra) {
   char* block = nullptr;
   if ((row->flags & kExternal) != 0) {
     block = static_cast<char*>(std::realloc(Entries(row), grown));
-  } else if ((block = static_cast<char*>(std::malloc(grown))) != nullptr) {
-    std::memcpy(block, row->Inline(), row->used);
+  } else {
+    block = static_cast<char*>(std::malloc(grown));
+    if (block != nullptr) std::memcpy(block, row->Inline(), row->used);
   }
   if (block == nullptr) return false;
   SetExternal(row, block, grown);
