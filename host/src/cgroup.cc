@@ -20,9 +20,6 @@
 #include "qve/host.h"
 
 namespace qvehost::internal {
-
-std::atomic<bool> g_wanted{true};
-
 namespace {
 
 // How long a removal waits for the kernel to empty a killed cgroup (a
@@ -32,6 +29,7 @@ constexpr int kEmptyPollMs = 20;
 
 std::atomic<uint64_t> g_run_counter{0};
 std::atomic<uint64_t> g_live{0};
+std::atomic<bool> g_wanted{true};
 
 void CloseFd(int& fd) {
   if (fd >= 0) close(fd);
@@ -147,6 +145,8 @@ const std::string& CgroupRunsDirectory() {
   return *dir;
 }
 
+void WantCgroups(bool wanted) { g_wanted.store(wanted); }
+
 bool CgroupsAvailable() {
   return g_wanted.load() && !CgroupRunsDirectory().empty();
 }
@@ -213,7 +213,7 @@ void RunCgroup::Remove() {
 
 namespace qvehost {
 
-void SetCgroupContainment(bool wanted) { internal::g_wanted.store(wanted); }
+void SetCgroupContainment(bool wanted) { internal::WantCgroups(wanted); }
 bool CgroupContainment() { return internal::CgroupsAvailable(); }
 uint64_t LiveRunCgroups() { return internal::LiveRunCgroups(); }
 

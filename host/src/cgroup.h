@@ -14,6 +14,8 @@ namespace qvehost::internal {
 // cgroup and the host may make cgroups below it. Decided once; the decision
 // is logged at debug level.
 bool CgroupsAvailable();
+// Whether runs get cgroups where they can (default true).
+void WantCgroups(bool wanted);
 // The directory under which runs' cgroups are made ("" without cgroups).
 const std::string& CgroupRunsDirectory();
 // Runs' cgroups that exist now (for tests: none after every run).
