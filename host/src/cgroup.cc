@@ -2,6 +2,7 @@
 #include "cgroup.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,10 +10,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host_internal.h"
@@ -26,6 +29,7 @@ namespace {
 // process in uninterruptible sleep ends late).
 constexpr int kEmptyWaitMs = 100;
 constexpr int kEmptyPollMs = 20;
+constexpr std::string_view kHostPrefix = "qvehost-";
 
 std::atomic<uint64_t> g_run_counter{0};
 std::atomic<uint64_t> g_live{0};
@@ -98,12 +102,49 @@ void RemoveRunsDirectory() {
   if (!dir.empty()) rmdir(dir.c_str());
 }
 
+bool WriteFile(int dir_fd, const char* name, const char* text) {
+  const int fd = openat(dir_fd, name, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  ssize_t n;
+  do {
+    n = write(fd, text, 1);
+  } while (n < 0 && errno == EINTR);
+  close(fd);
+  return n == 1;
+}
+
+// A host that died without its exit handlers (killed, or ended by _exit)
+// left its runs' cgroups behind; the next host removes them.
+void RemoveDeadHostsCgroups(const std::string& base) {
+  std::error_code error;
+  for (const auto& host : std::filesystem::directory_iterator(base, error)) {
+    const std::string name = host.path().filename();
+    if (name.rfind(kHostPrefix, 0) != 0) continue;
+    const long pid = std::strtol(name.c_str() + kHostPrefix.size(), nullptr, 10);
+    if (pid <= 0 || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) {
+      continue;
+    }
+    for (const auto& run : std::filesystem::directory_iterator(host, error)) {
+      if (!run.is_directory(error)) continue;
+      const int fd = open(run.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (fd >= 0) {
+        WriteFile(fd, "cgroup.kill", "1");
+        close(fd);
+      }
+      rmdir(run.path().c_str());
+    }
+    rmdir(host.path().c_str());
+  }
+}
+
 std::string FindRunsDirectory() {
   std::string mount, root, own;
   if (!FindUnifiedMount(&mount, &root) || !OwnCgroupPath(&own)) return {};
   if (root != "/" && own.rfind(root, 0) == 0) own.erase(0, root.size());
   std::string base = mount + (own == "/" ? "" : own);
-  std::string dir = base + "/qvehost-" + std::to_string(getpid());
+  RemoveDeadHostsCgroups(base);
+  std::string dir = base + "/" + std::string(kHostPrefix) +
+                    std::to_string(getpid());
   if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return {};
   // Without cgroup.kill (kernels before 5.14) a run could not be ended.
   if (access((dir + "/cgroup.kill").c_str(), W_OK) != 0) {
@@ -122,16 +163,6 @@ void LogContainment(const std::string& dir) {
   }
 }
 
-bool WriteFile(int dir_fd, const char* name, const char* text) {
-  const int fd = openat(dir_fd, name, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  ssize_t n;
-  do {
-    n = write(fd, text, 1);
-  } while (n < 0 && errno == EINTR);
-  close(fd);
-  return n == 1;
-}
 
 }  // namespace
 
