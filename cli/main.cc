@@ -1,4 +1,5 @@
 // fetchlet: runs one metric through the plug-in on the embedded host.
+#include <csignal>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -189,6 +190,8 @@ int Run(const Options& o) {
 
 // Only a failed allocation escapes; it ends the program as it should.
 int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
+  // An ignored SIGCHLD from whoever started us would survive into commands.
+  std::signal(SIGCHLD, SIG_DFL);
   fetchlet::BlockInterrupts();
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);

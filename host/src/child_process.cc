@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +16,9 @@
 #include <cstring>
 #include <new>
 
+#include "host_internal.h"
 #include "qve/embedded.h"
+#include "qve/host.h"
 
 namespace qvehost::internal {
 namespace {
@@ -80,6 +83,31 @@ int32_t CollectStatus(pid_t pid) {
     reaped = waitpid(pid, &status, 0);
   } while (reaped < 0 && errno == EINTR);
   return reaped == pid ? DecodeStatus(status) : -1;
+}
+
+// The kernel's record of a reaped child's end (Linux 6.15 and later).
+struct PidfdInfo {
+  uint64_t mask;
+  uint64_t cgroupid;
+  uint32_t ids[11];
+  int32_t exit_code;
+  uint32_t coredump_mask;
+  uint32_t spare;
+};
+static_assert(sizeof(PidfdInfo) == 72);
+constexpr uint64_t kPidfdInfoExit = 1u << 3;
+constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+
+int32_t StatusFromPidfd(int pidfd) {
+  if (pidfd < 0) return -1;
+  PidfdInfo info;
+  std::memset(&info, 0, sizeof info);
+  info.mask = kPidfdInfoExit;
+  if (ioctl(pidfd, kPidfdGetInfo, &info) != 0 ||
+      (info.mask & kPidfdInfoExit) == 0) {
+    return -1;
+  }
+  return DecodeStatus(info.exit_code);
 }
 
 }  // namespace
@@ -184,8 +212,13 @@ void ChildProcess::Drain(Output& out) {
     n = read(out.fd, out.held.data() + used, kDrainChunk);
   } while (n < 0 && errno == EINTR);
   out.held.resize(used + (n > 0 ? static_cast<size_t>(n) : 0));
-  // Ended (or broken): later reads give the held bytes, then the end.
-  if (n <= 0) CloseDescriptor(out.fd);
+  const uint32_t kind =
+      &out == &stdout_ ? QVE_STREAM_STDOUT : QVE_STREAM_STDERR;
+  // Ended, broken or over the limit: later reads give the held bytes, then
+  // the end (or the failure).
+  if (n <= 0 || !Account(kind, static_cast<size_t>(n))) {
+    CloseDescriptor(out.fd);
+  }
 }
 
 void ChildProcess::CloseStdin() { CloseDescriptor(stdin_fd_); }
@@ -207,6 +240,10 @@ int32_t ChildProcess::Read(uint32_t kind, char* buffer, int32_t maximum) {
   if (out == nullptr || !out->piped || buffer == nullptr || maximum <= 0) {
     return -1;
   }
+  if (out->over_limit) {
+    errno = EFBIG;
+    return -1;
+  }
   if (out->held_pos < out->held.size()) {
     return TakeHeld(*out, buffer, maximum);
   }
@@ -215,6 +252,7 @@ int32_t ChildProcess::Read(uint32_t kind, char* buffer, int32_t maximum) {
   do {
     n = read(out->fd, buffer, static_cast<size_t>(maximum));
   } while (n < 0 && errno == EINTR);
+  if (n > 0 && !Account(kind, static_cast<size_t>(n))) return -1;
   if (n > 0) return static_cast<int32_t>(n);
   if (n < 0) return -1;
   CloseDescriptor(out->fd);
@@ -227,6 +265,28 @@ void ChildProcess::CloseOutput(uint32_t kind) {
   CloseDescriptor(out->fd);
   std::vector<char>().swap(out->held);
   out->held_pos = 0;
+}
+
+bool ChildProcess::Account(uint32_t kind, size_t n) {
+  Output* out = OutputFor(kind);
+  out->taken += n;
+  const uint64_t limit = OutputLimit();
+  if (limit == 0 || out->taken <= limit) return true;
+  if (!out->over_limit) {
+    out->over_limit = true;
+    SignalGroup(SIGKILL);
+    qve_error(qveulm_getLogCtx(HostLogSource(), "qvehost"),
+              "command %d reached the output limit of %llu bytes on %s; it "
+              "was killed",
+              static_cast<int>(pid_), static_cast<unsigned long long>(limit),
+              kind == QVE_STREAM_STDOUT ? "standard output"
+                                        : "standard error");
+  }
+  CloseDescriptor(out->fd);
+  std::vector<char>().swap(out->held);
+  out->held_pos = 0;
+  errno = EFBIG;
+  return false;
 }
 
 // Waits for the child's end without reaping it, so that its id still names
@@ -243,16 +303,20 @@ bool ChildProcess::Reap(bool block) {
   } while (rc < 0 && errno == EINTR);
   if (rc == 0 && info.si_pid == 0) return false;  // still running
   const int saved = errno;
-  // rc < 0 (ECHILD: the host ignores SIGCHLD and the kernel reaped the
-  // child): the group id stays reserved while any member lives, and a freed
-  // id is not handed out again this soon, so the kill is still safe.
-  kill(-pid_, SIGKILL);
+  // What the command left running ends with it; the group id stays
+  // reserved while the unreaped child holds it.
+  if (cgroup_.Kill() != 0) kill(-pid_, SIGKILL);
   errno = saved;
   // Out of the running list before the id is freed, so that an emergency
   // stop can never signal an id that another process has taken.
   ForgetRunning(this);
-  exit_value_ = rc == 0 ? CollectStatus(pid_) : -1;
+  // rc < 0: the host ignores SIGCHLD and the kernel reaped the child; its
+  // pidfd still knows how it ended.
+  exit_value_ = rc == 0 ? CollectStatus(pid_) : StatusFromPidfd(pidfd_);
+  CloseDescriptor(pidfd_);
   reaped_ = true;
+  cgroup_.Remove();
+  errno = saved;
   return true;
 }
 
@@ -269,6 +333,8 @@ int ChildProcess::SignalGroup(int sig) {
     errno = ESRCH;
     return -1;
   }
+  // cgroup.kill reaches what left the group too.
+  if (sig == SIGKILL && cgroup_.Kill() == 0) return 0;
   if (kill(-pid_, sig) == 0) return 0;
   // Not a group leader any more (it called setsid): reach the child itself.
   return kill(pid_, sig);
@@ -282,6 +348,7 @@ int32_t ChildProcess::Kill() {
 
 void ChildProcess::CloseAll() {
   CloseDescriptor(stdin_fd_);
+  CloseDescriptor(pidfd_);
   CloseOutput(QVE_STREAM_STDOUT);
   CloseOutput(QVE_STREAM_STDERR);
 }

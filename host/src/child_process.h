@@ -20,6 +20,7 @@
 #include <span>
 #include <vector>
 
+#include "cgroup.h"
 #include "iomux.h"
 
 namespace qvehost::internal {
@@ -70,7 +71,8 @@ class ChildProcess final : public StreamSource {
   void CloseStdin();
 
   // Bytes read (held bytes first), QVE_END_OF_STREAM once the stream has
-  // ended or was closed, -1 on failure (errno kept).
+  // ended or was closed, -1 on failure (errno kept). A stream past the
+  // output limit fails from then on (EFBIG) and its command is killed.
   int32_t Read(uint32_t kind, char* buffer, int32_t maximum);
   // Closes the stream and drops what it held.
   void CloseOutput(uint32_t kind);
@@ -109,6 +111,8 @@ class ChildProcess final : public StreamSource {
     bool piped = false;
     std::vector<char> held;  // drained while standard input was full
     size_t held_pos = 0;
+    uint64_t taken = 0;       // bytes read from the pipe so far
+    bool over_limit = false;  // the command was killed for its output
   };
 
   Output* OutputFor(uint32_t kind);
@@ -117,9 +121,14 @@ class ChildProcess final : public StreamSource {
   void Drain(Output& out);
   int32_t TakeHeld(Output& out, char* buffer, int32_t maximum);
   bool Reap(bool block);
+  // Counts n bytes read from kind; false (the command killed and the limit
+  // logged, once) when the stream went past the output limit.
+  bool Account(uint32_t kind, size_t n);
   void CloseAll();
 
   pid_t pid_ = 0;
+  RunCgroup cgroup_;  // inactive where process groups are the containment
+  int pidfd_ = -1;
   bool reaped_ = false;
   int stop_signal_ = 0;
   int32_t exit_value_ = -1;

@@ -6,6 +6,7 @@
 #include <spdlog/sinks/dist_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -130,6 +131,10 @@ void Emit(qveulm_LogCtx* log, LogLevel level, std::string_view text) {
   log->logger->log(ToSpdlog(level), text);
 }
 
+// A line longer than this (a failed run logs the whole captured text) is cut,
+// with a note of how much was left out.
+constexpr size_t kMaxLine = size_t{64} * 1024;
+
 void EmitFormatted(qveulm_LogCtx* log, LogLevel level, const char* format,
                    va_list args) {
   if (log == nullptr || format == nullptr || !Wanted(level)) return;
@@ -140,9 +145,14 @@ void EmitFormatted(qveulm_LogCtx* log, LogLevel level, const char* format,
   if (length >= 0 && static_cast<size_t>(length) < sizeof small) {
     Emit(log, level, std::string_view(small, static_cast<size_t>(length)));
   } else if (length >= 0) {
-    std::string large(static_cast<size_t>(length) + 1, '\0');
+    const auto full = static_cast<size_t>(length);
+    const size_t kept = std::min(full, kMaxLine);
+    std::string large(kept + 1, '\0');
     std::vsnprintf(large.data(), large.size(), format, again);
-    large.resize(static_cast<size_t>(length));
+    large.resize(kept);
+    if (kept < full) {
+      large += " [" + std::to_string(full - kept) + " bytes left out]";
+    }
     Emit(log, level, large);
   }
   va_end(again);

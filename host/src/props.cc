@@ -2,27 +2,40 @@
 // writable in place because the plug-in shortens "command" by storing a NUL
 // through the pointer it was given.
 #include <cstring>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <unordered_map>
 
 #include "guard.h"
 #include "host_internal.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
+// Entries live in a deque, which never moves them, so the index can key on
+// views of their names.
 struct qvlnv_NVList {
   struct Entry {
     std::string name;
     std::string value;
   };
-  std::vector<Entry> entries;
+  std::deque<Entry> entries;
+  std::unordered_map<std::string_view, Entry*> index;
 
   Entry* Find(std::string_view name) {
-    for (Entry& entry : entries) {
-      if (entry.name == name) return &entry;
+    const auto found = index.find(name);
+    return found != index.end() ? found->second : nullptr;
+  }
+
+  void Add(std::string_view name, std::string_view value) {
+    Entry& entry = entries.emplace_back(Entry{std::string(name),
+                                              std::string(value)});
+    try {
+      index.emplace(entry.name, &entry);
+    } catch (...) {
+      entries.pop_back();
+      throw;
     }
-    return nullptr;
   }
 };
 
@@ -78,7 +91,7 @@ void SetProperty(qvlnv_NVList* list, std::string_view name,
     entry->value = std::string(value);
     return;
   }
-  list->entries.push_back({std::string(name), std::string(value)});
+  list->Add(name, value);
 }
 
 void DeletePropertyList(qvlnv_NVList* list) { delete list; }

@@ -1,13 +1,43 @@
 // String helpers of the host runtime.
+#include <time.h>
+
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "guard.h"
+#include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
+
+// The wall clock as the system gives it, shifted by the test switch.
+std::atomic<int64_t> g_system_clock_step{0};
+
+int64_t SystemSeconds() {
+  return static_cast<int64_t>(std::time(nullptr)) + g_system_clock_step.load();
+}
+
+int64_t MonotonicSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec);
+}
+
+// Wall-clock seconds read once when the library loads; from there the
+// clock only advances, so a step of the system clock never reaches a run.
+struct HostClock {
+  int64_t wall_at_start = SystemSeconds();
+  int64_t monotonic_at_start = MonotonicSeconds();
+
+  int64_t Now() const {
+    return wall_at_start + (MonotonicSeconds() - monotonic_at_start);
+  }
+};
+
+const HostClock g_clock;
 
 // ASCII only: the comparison must not depend on the locale.
 char AsciiLower(char c) {
@@ -59,8 +89,15 @@ int32_t strcaseeq(const char* first, const char* second) {
 
 uint32_t qveut_currentSeconds(void) {
   return Guarded<uint32_t>(__func__, 0, [&]() -> uint32_t {
-    return static_cast<uint32_t>(std::time(nullptr));
+    return static_cast<uint32_t>(g_clock.Now());
   });
 }
 
 }  // extern "C"
+
+namespace qvehost {
+
+void StepSystemClock(int64_t seconds) { g_system_clock_step.fetch_add(seconds); }
+int64_t SystemClockNow() { return SystemSeconds(); }
+
+}  // namespace qvehost

@@ -215,6 +215,30 @@ TEST_F(RunnerTest, HostileChildren) {
   close(leaked);
 }
 
+// A flood on either stream ends on the read-failure path once the host's
+// limit is reached, with the whole group gone and the limit in the log.
+TEST_F(RunnerTest, FloodPastTheOutputLimitIsARunFailure) {
+  const uint64_t saved = qvehost::OutputLimit();
+  qvehost::SetOutputLimit(uint64_t{1} << 20);
+  const std::pair<const char*, const char*> floods[] = {
+      {"sleep 30 & exec yes 0123456789", "standard output"},
+      {"sleep 30 & exec yes 0123456789 >&2", "standard error"},
+  };
+  for (const auto& [script, stream] : floods) {
+    capture_.Clear();
+    const Json outcome = RunShell(context_, script, {.timeoutSeconds = 30});
+    EXPECT_EQ(outcome.value("kind", 0), kRunFailed) << outcome.dump();
+    EXPECT_EQ(SurvivingChildren(), std::vector<int>{}) << script;
+    const Strings errors = Logged(LogLevel::kError, "qvehost");
+    ASSERT_EQ(errors.size(), 1u) << script;
+    EXPECT_NE(errors[0].find("reached the output limit of 1048576 bytes on " +
+                             std::string(stream)),
+              std::string::npos)
+        << errors[0];
+  }
+  qvehost::SetOutputLimit(saved);
+}
+
 TEST_F(RunnerTest, ConcurrentRunsDoNotWaitForASlowSibling) {
   std::atomic<bool> sleeperDone{false};
   std::atomic<int> finishedEarly{0};

@@ -181,6 +181,47 @@ TEST_F(AuthProcessTest, PasswordShowsInNoProcessAndDeleteEndsEverything) {
   EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{});
 }
 
+bool HasSleep(uid_t uid) {
+  for (const int pid : ProcessesOf(uid)) {
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    if (std::getline(comm, name) && name == "sleep") return true;
+  }
+  return false;
+}
+
+// A descendant that left the command's session runs as the other user, out
+// of the host's reach but for the run's cgroup, which the launcher starts in.
+TEST_F(AuthProcessTest, EscapedDescendantOfTheUserEndsWithTheRun) {
+  if (!qvehost::CgroupContainment()) {
+    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
+  }
+  const std::string escape =
+      "setsid sh -c 'exec sleep 100' </dev/null >/dev/null 2>&1 &";
+  const std::pair<const char*, std::string> endings[] = {
+      {"time limit", escape + " exec sleep 100"},
+      {"emergency stop", escape + " exec sleep 100"},
+  };
+  for (const auto& [name, script] : endings) {
+    qvejcap_Process* process = New(context_, {"sh", "-c", script},
+                                   account_->name, account_->password);
+    ASSERT_EQ(qvejcap_Process_run(process), 0) << name;
+    // The escaped sleep is up once the user has a process named so.
+    for (int i = 0; i < 300 && !HasSleep(account_->uid); ++i) usleep(10000);
+    ASSERT_TRUE(HasSleep(account_->uid)) << name;
+    if (std::string(name) == "time limit") qvejcap_Process_kill(process);
+    if (std::string(name) == "emergency stop") qvehost::KillRunningCommands();
+    qvejcap_Process_blocking_wait(process);
+    qvejcap_Process_delete(process);
+    // Bounded: the killed processes' new parent reaps them shortly.
+    for (int i = 0; i < 500 && !ProcessesOf(account_->uid).empty(); ++i) {
+      usleep(10000);
+    }
+    EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{}) << name;
+    EXPECT_EQ(qvehost::LiveRunCgroups(), 0u) << name;
+  }
+}
+
 // An unprivileged launcher takes the settings file it is pointed at; its
 // pam_dir must be an absolute directory.
 TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {

@@ -33,6 +33,27 @@ TEST(LogTest, CaptureKeepsTheExactTextLevelAndLogger) {
   EXPECT_EQ(records[1].text, long_text + "|-17\n\n");
 }
 
+// A line past 64 KiB is cut there with a note of what was left out; one at
+// the cap is whole.
+TEST(LogTest, OverlongLineIsCutWithTheCountLeftOut) {
+  constexpr size_t kCap = 64 * 1024;
+  const std::pair<size_t, std::string> cases[] = {
+      {kCap, ""},
+      {kCap + 1, " [1 bytes left out]"},
+      {size_t{5} << 20, " [" + std::to_string((size_t{5} << 20) - kCap) +
+                            " bytes left out]"},
+  };
+  for (const auto& [length, note] : cases) {
+    qvehost::LogCapture capture;
+    const std::string text(length, 'y');
+    qve_error(Log("fetchlets.test"), "%s", text.c_str());
+    const std::vector<std::string> texts = capture.Texts(LogLevel::kError);
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_EQ(texts[0], std::string(kCap < length ? kCap : length, 'y') + note)
+        << length;
+  }
+}
+
 // Each line: "[date time.ms] [logger] [level] text".
 TEST(LogTest, FileGetsLinesAtOrAboveTheLevelWithoutBlankLines) {
   EXPECT_FALSE(qvehost::SetLogFile("/dev/null/log.txt"));

@@ -83,6 +83,14 @@ class EvaluationScope {
 // that does not read its input, and a start still authenticating.
 void EndEvaluation(uint64_t evaluation);
 
+// Whether commands get cgroups where a writable hierarchy exists (default
+// true); false keeps process groups only, e.g. to compare the two.
+void SetCgroupContainment(bool wanted);
+// True when every command runs in a cgroup v2 of its own and ends with
+// cgroup.kill (a writable hierarchy was found); false: process groups only.
+bool CgroupContainment();
+// Cgroups of runs that exist now; 0 between runs.
+uint64_t LiveRunCgroups();
 // ---- Fault switches -----------------------------------------------------------
 
 // Makes the nth allocation (counting from 1, from now on) of module fail;
@@ -98,6 +106,11 @@ void RefuseMetricResult(bool refuse);
 void ForceStartResult(int32_t result);
 // The next character-set conversion fails with a non-zero result.
 void FailNextConversion();
+// Steps the system clock as the host sees it by seconds (back when
+// negative); the host's own clock takes it only once, when it starts.
+void StepSystemClock(int64_t seconds);
+// The system clock as the host sees it, steps included.
+int64_t SystemClockNow();
 // Clears every switch and the allocation counters; settings stay.
 void ResetFaults();
 

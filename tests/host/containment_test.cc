@@ -1,0 +1,214 @@
+// What a run leaves behind when it ends, however it ends: descendants that
+// left the process group, output floods past the limit, a host that ignores
+// SIGCHLD, a stepped clock. The test process is a child subreaper, so that
+// a descendant that escaped would be found among its own children.
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qve/embedded.h"
+#include "qve/host.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+using ProcessPtr =
+    std::unique_ptr<sqvejcp_Process, decltype(&sqvejcp_Process_delete)>;
+
+ProcessPtr Start(Strings argv) {
+  std::vector<char*> args;
+  for (std::string& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  ProcessPtr process(
+      sqvejcp_Process_new_argv_envp(
+          nullptr, args.data(), static_cast<int32_t>(argv.size()), nullptr, 0),
+      sqvejcp_Process_delete);
+  EXPECT_EQ(sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL), 0);
+  return process;
+}
+
+// The first line of standard output: the pid a descendant printed.
+pid_t ReadPid(sqvejcp_Process* process) {
+  std::string line;
+  char c;
+  while (sqvejcp_Process_stdout_read(process, &c, 1) == 1 && c != '\n') {
+    line += c;
+  }
+  return line.empty() ? 0 : static_cast<pid_t>(std::stol(line));
+}
+
+// True once pid has ended and, adopted by this subreaper, been collected.
+// Bounded, never timed: a live process fails after ten seconds.
+bool Gone(pid_t pid) {
+  const auto give_up =
+      std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < give_up) {
+    if (waitpid(pid, nullptr, WNOHANG) == pid) return true;
+    if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+int32_t ExitValue(sqvejcp_Process* process) {
+  int32_t exit_value = -1;
+  sqvejcp_Process_getExitValue(process, &exit_value);
+  return exit_value;
+}
+
+class ContainmentTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
+  void TearDown() override {
+    EXPECT_EQ(qvehost::LiveRunCgroups(), 0u) << "a cgroup left behind";
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+  }
+};
+
+// Descendants that left the command's process group and session: only the
+// cgroup reaches them, whatever ends the run.
+TEST_F(ContainmentTest, EscapedDescendantsEndWithTheRun) {
+  if (!qvehost::CgroupContainment()) {
+    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
+  }
+  const std::string hold = "echo $$; exec sleep 100 >/dev/null 2>&1";
+  const Strings escapes[] = {
+      {"sh", "-c", "setsid sh -c '" + hold + "' &"},
+      {"sh", "-c", "(setsid sh -c '" + hold + "' &) ; true"},
+  };
+  using Ending = std::function<void(sqvejcp_Process*)>;
+  const std::pair<const char*, Ending> endings[] = {
+      {"time limit", [](sqvejcp_Process* p) { sqvejcp_Process_kill(p); }},
+      {"emergency stop",
+       [](sqvejcp_Process* p) {
+         qvehost::KillRunningCommands();
+         sqvejcp_Process_blocking_wait(p);
+       }},
+      {"normal end",
+       [](sqvejcp_Process* p) { sqvejcp_Process_blocking_wait(p); }},
+  };
+  for (const Strings& escape : escapes) {
+    for (const auto& [name, end] : endings) {
+      // The command itself waits for its end, except at a normal end.
+      Strings argv = escape;
+      if (std::string(name) != "normal end") argv[2] += "\nexec sleep 100";
+      ProcessPtr process = Start(argv);
+      const pid_t escaped = ReadPid(process.get());
+      ASSERT_GT(escaped, 0) << name;
+      end(process.get());
+      EXPECT_TRUE(Gone(escaped)) << name << ": " << argv[2];
+      EXPECT_EQ(qvehost::LiveRunCgroups(), 0u) << name;
+    }
+  }
+}
+
+// Ending one evaluation reaches its escaped descendants, not another's.
+TEST_F(ContainmentTest, EndingAnEvaluationEndsItsWholeTree) {
+  if (!qvehost::CgroupContainment()) {
+    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
+  }
+  const Strings argv = {
+      "sh", "-c",
+      "setsid sh -c 'echo $$; exec sleep 100 >/dev/null 2>&1' & exec sleep 100"};
+  ProcessPtr other = Start(argv);
+  const pid_t others = ReadPid(other.get());
+  {
+    qvehost::EvaluationScope scope(41);
+    ProcessPtr process = Start(argv);
+    const pid_t escaped = ReadPid(process.get());
+    qvehost::EndEvaluation(41);
+    sqvejcp_Process_blocking_wait(process.get());
+    EXPECT_TRUE(Gone(escaped));
+  }
+  EXPECT_EQ(kill(others, 0), 0) << "another evaluation's process ended";
+  sqvejcp_Process_kill(other.get());
+  EXPECT_TRUE(Gone(others));
+}
+
+// A flood on either stream stops at the limit: the stream's read fails, the
+// command is killed with everything it started, and the error log says so.
+TEST_F(ContainmentTest, OutputFloodEndsAtTheLimit) {
+  const uint64_t saved = qvehost::OutputLimit();
+  qvehost::SetOutputLimit(1 << 20);
+  const std::pair<const char*, uint32_t> floods[] = {
+      {"sleep 100 & echo $!; exec yes 0123456789", QVE_STREAM_STDOUT},
+      {"sleep 100 & echo $!; exec yes 0123456789 >&2", QVE_STREAM_STDERR},
+  };
+  for (const auto& [script, kind] : floods) {
+    qvehost::LogCapture capture;
+    ProcessPtr process = Start({"sh", "-c", script});
+    const pid_t background = ReadPid(process.get());
+    char buffer[65536];
+    int32_t n;
+    uint64_t total = 0;
+    auto* read = kind == QVE_STREAM_STDOUT ? sqvejcp_Process_stdout_read
+                                           : sqvejcp_Process_stderr_read;
+    while ((n = read(process.get(), buffer, sizeof buffer)) > 0) total += n;
+    EXPECT_EQ(n, -1) << script;
+    EXPECT_LE(total, uint64_t{1} << 20) << script;
+    EXPECT_EQ(read(process.get(), buffer, sizeof buffer), -1) << "stays failed";
+    EXPECT_EQ(sqvejcp_Process_blocking_wait(process.get()), 0);
+    EXPECT_EQ(ExitValue(process.get()), 128 + SIGKILL) << script;
+    EXPECT_TRUE(Gone(background)) << script;
+    const Strings errors = capture.Texts(qvehost::LogLevel::kError, "qvehost");
+    ASSERT_EQ(errors.size(), 1u) << script;
+    EXPECT_NE(errors[0].find("reached the output limit of 1048576 bytes on " +
+                             std::string(kind == QVE_STREAM_STDOUT
+                                             ? "standard output"
+                                             : "standard error")),
+              std::string::npos)
+        << errors[0];
+  }
+  qvehost::SetOutputLimit(saved);
+}
+
+// The kernel reaps behind a parent's back only children that signal SIGCHLD;
+// the host's do not, so an ignored SIGCHLD costs no exit value.
+TEST_F(ContainmentTest, IgnoredSigchldKeepsExitValues) {
+  struct sigaction ignore = {}, old = {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGCHLD, &ignore, &old);
+  const std::pair<const char*, int32_t> cases[] = {
+      {"/bin/true", 0}, {"/bin/false", 1}, {"no-such-command-here", -1}};
+  for (const auto& [program, exit_value] : cases) {
+    std::vector<char*> args = {const_cast<char*>(program), nullptr};
+    ProcessPtr process(
+        sqvejcp_Process_new_argv_envp(nullptr, args.data(), 1, nullptr, 0),
+        sqvejcp_Process_delete);
+    const int32_t started =
+        sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL);
+    EXPECT_EQ(started == 0, exit_value >= 0) << program;
+    if (started != 0) continue;
+    EXPECT_EQ(sqvejcp_Process_blocking_wait(process.get()), 0) << program;
+    EXPECT_EQ(ExitValue(process.get()), exit_value) << program;
+  }
+  sigaction(SIGCHLD, &old, nullptr);
+}
+
+// The host's clock never follows a step of the system clock, back or ahead.
+TEST_F(ContainmentTest, ClockIgnoresSystemClockSteps) {
+  const int64_t steps[] = {-5, -3600, 3600};
+  for (const int64_t step : steps) {
+    const uint32_t before = qveut_currentSeconds();
+    const int64_t system_before = qvehost::SystemClockNow();
+    qvehost::StepSystemClock(step);
+    EXPECT_GE(qvehost::SystemClockNow() - system_before, step);
+    const uint32_t after = qveut_currentSeconds();
+    EXPECT_GE(after, before) << step;
+    qvehost::StepSystemClock(-step);
+  }
+}
+
+}  // namespace
