@@ -201,10 +201,10 @@ TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {
       {permit + pam_dir + "/permit\n", "", kBadConfig}};
   for (const auto& [settings, user, text] : cases) {
     std::ofstream(config) << settings;
-    setenv("FETCHLET_LAUNCH_CONFIG", config.c_str(), 1);
+    qvehost::SetLauncherConfig(config);
     EXPECT_EQ(RunToEnd({"/bin/true"}, "not-it", nullptr, user).text, text)
         << settings;
-    unsetenv("FETCHLET_LAUNCH_CONFIG");
+    qvehost::SetLauncherConfig("");
   }
   std::filesystem::remove_all(pam_dir);
   std::filesystem::remove(config);
@@ -229,7 +229,7 @@ TEST_F(AuthProcessTest, UnprivilegedHostUsesASetuidLauncher) {
         setresgid(kNobody, kNobody, kNobody) == 0 &&
         setresuid(kNobody, kNobody, kNobody) == 0) {
       qvehost::SetLauncherPath(launcher);
-      setenv("FETCHLET_LAUNCH_CONFIG", (dir + "/ignored.conf").c_str(), 1);
+      qvehost::SetLauncherConfig(dir + "/ignored.conf");
       qvejcap_Process* sleeper =
           New(context_, {"sleep", "60"}, account_->name, account_->password);
       int32_t killed = -1;
