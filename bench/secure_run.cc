@@ -35,7 +35,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kRounds = 40;
-constexpr char kConfigVariable[] = "FETCHLET_LAUNCH_CONFIG";
 
 // What the runs are measured under, in the order they are taken.
 enum Kind { kPlain, kFloor, kPermit, kPermitSite, kRealPam, kKinds };
@@ -157,17 +156,13 @@ double Median(std::vector<double> values) {
 bool Measure(const Bench& bench, std::vector<double> (&ms)[kKinds]) {
   for (int round = 0; round < kRounds; ++round) {
     for (int kind = 0; kind < kKinds; ++kind) {
-      if (bench.config[kind].empty()) {
-        unsetenv(kConfigVariable);
-      } else {
-        setenv(kConfigVariable, bench.config[kind].c_str(), 1);
-      }
+      qvehost::SetLauncherConfig(bench.config[kind]);
       const double ms_of_run = TimeRun(bench, static_cast<Kind>(kind));
       if (ms_of_run < 0) return false;
       ms[kind].push_back(ms_of_run);
     }
   }
-  unsetenv(kConfigVariable);
+  qvehost::SetLauncherConfig("");
   return true;
 }
 

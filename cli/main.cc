@@ -8,16 +8,25 @@
 
 #include <CLI/CLI.hpp>
 
+#include "byte_size.h"
 #include "interrupt.h"
+#include "password.h"
 #include "plugin.h"
 #include "properties.h"
 #include "qve/embedded.h"
 #include "render.h"
+#include "secret_file.h"
 
 namespace fetchlet {
 namespace {
 
 constexpr int kUsageError = 2;
+constexpr int kInterruptedStatus = 130;
+
+constexpr char kPasswordWarning[] =
+    "fetchlet: warning: a password given as password= on the command line "
+    "can be read by other local users; use password_file=PATH or "
+    "--ask-password\n";
 
 const std::map<std::string, std::string> kFamilies = {
     {"os", "qvefos"},
@@ -45,12 +54,15 @@ Common properties:
   KT_METRIC_TIMEOUT=N      time limit in seconds
   KTDCLIENT_REQUEST_ID=ID  makes the run abortable (Ctrl-C)
   separateErrorStream=TRUE useStdErrForWarning=TRUE needCharsetConvert=TRUE
-  isSecureCommand=TRUE username=... password=...
+  isSecureCommand=TRUE username=... and a password:
+  password_file=PATH       the password in a file of yours (mode 600)
+  --ask-password           or typed on the terminal
 
 Examples:
   fetchlet run os command='uname -a'
   fetchlet run os --json command='sh -c "echo out; echo err >&2"' separateErrorStream=TRUE
-  fetchlet run oslinetoken command='df -P' delimiter=' ' startsWith=/dev/)";
+  fetchlet run oslinetoken command='df -P' delimiter=' ' startsWith=/dev/
+  fetchlet run udm command=/opt/checks/disk.sh ID=disk valuetype=NUMBER username=udmdemo password_file=~/.udmdemo)";
 
 struct Options {
   std::string kind;
@@ -61,6 +73,10 @@ struct Options {
   std::string logFile;
   std::string serverVersion;
   std::string pluginPath;
+  std::string outputLimit;
+  bool askPassword = false;
+  // Values of the password= arguments, taken out of argv before parsing.
+  std::vector<std::string> argvPasswords;
 };
 
 void DefineRun(CLI::App& run, Options& o) {
@@ -79,6 +95,11 @@ void DefineRun(CLI::App& run, Options& o) {
   run.add_option("--server-version", o.serverVersion,
                  "server version the host reports, decimal or 0x-hex");
   run.add_option("--fetchlet-lib", o.pluginPath, "the plug-in to load");
+  run.add_option("--output-limit", o.outputLimit,
+                 "most bytes held of each output stream of a command: "
+                 "bytes, or with KiB, MiB, GiB (default 64MiB; 0: no limit)");
+  run.add_flag("--ask-password", o.askPassword,
+               "ask for the password on the terminal, without echo");
   run.footer(kRunFooter);
 }
 
@@ -108,24 +129,62 @@ std::string ConfigureHost(const Options& o) {
     }
     qvehost::SetServerVersion(static_cast<int32_t>(version));
   }
+  if (!o.outputLimit.empty()) {
+    uint64_t limit = 0;
+    if (!ParseByteSize(o.outputLimit, &limit)) {
+      return "bad output limit '" + o.outputLimit + "'";
+    }
+    qvehost::SetOutputLimit(limit);
+  }
+  return "";
+}
+
+// password_file=PATH stands for password=<the file's secret>; an empty
+// password= from the command line for the value taken out of argv.
+std::string ResolveSecret(Property* property,
+                          std::vector<std::string>* argvPasswords) {
+  auto& [name, value] = *property;
+  if (name == "password_file") {
+    std::string error;
+    std::string secret;
+    if (!ReadSecretFile(value, &secret, &error)) return error;
+    name = "password";
+    value.swap(secret);
+  } else if (name == "password" && !argvPasswords->empty()) {
+    value.swap(argvPasswords->front());
+    argvPasswords->erase(argvPasswords->begin());
+  }
   return "";
 }
 
 // File properties first, then the command line's.
-std::string CollectProperties(const Options& o, std::vector<Property>* out) {
+std::string CollectProperties(Options& o, std::vector<Property>* out) {
   std::string error;
   if (!o.propertiesFile.empty() &&
       !ReadPropertiesFile(o.propertiesFile, out, &error)) {
     return error;
+  }
+  for (Property& property : *out) {
+    std::vector<std::string> none;
+    error = ResolveSecret(&property, &none);
+    if (!error.empty()) return error;
   }
   for (const std::string& assignment : o.assignments) {
     Property property;
     if (!ParseAssignment(assignment, &property)) {
       return "property '" + assignment + "' is not NAME=VALUE";
     }
+    error = ResolveSecret(&property, &o.argvPasswords);
+    if (!error.empty()) return error;
     out->push_back(std::move(property));
   }
   return "";
+}
+
+void WipeSecrets(std::vector<Property>* properties) {
+  for (auto& [name, value] : *properties) {
+    if (name == "password") WipeString(&value);
+  }
 }
 
 std::string RequestId(const std::vector<Property>& properties) {
@@ -166,7 +225,7 @@ int Evaluate(const Family& family, const std::vector<Property>& properties,
   return status == 0 ? 0 : 1;
 }
 
-int Run(const Options& o) {
+int Run(Options& o) {
   const auto family = kFamilies.find(o.kind);
   if (family == kFamilies.end()) return Usage("unknown kind '" + o.kind + "'");
   std::string error = ConfigureHost(o);
@@ -174,6 +233,14 @@ int Run(const Options& o) {
   std::vector<Property> properties;
   error = CollectProperties(o, &properties);
   if (!error.empty()) return Usage(error);
+  if (o.askPassword) {
+    bool interrupted = false;
+    std::string password;
+    if (!AskPassword(&password, &error, &interrupted)) {
+      return interrupted ? kInterruptedStatus : Usage(error);
+    }
+    properties.emplace_back("password", std::move(password));
+  }
   const std::string path =
       o.pluginPath.empty() ? DefaultPluginPath() : o.pluginPath;
   std::unique_ptr<Plugin> plugin = Plugin::Load(path, &error);
@@ -182,7 +249,9 @@ int Run(const Options& o) {
   if (!functions) {
     return Usage("the " + o.kind + " fetchlet is not built yet in " + path);
   }
-  return Evaluate(*functions, properties, o.json);
+  const int status = Evaluate(*functions, properties, o.json);
+  WipeSecrets(&properties);
+  return status;
 }
 
 }  // namespace
@@ -196,6 +265,8 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);
   fetchlet::Options options;
+  options.argvPasswords = fetchlet::TakePasswordArguments(argc, argv);
+  if (!options.argvPasswords.empty()) std::cerr << fetchlet::kPasswordWarning;
   CLI::App* run = app.add_subcommand("run", "evaluate one metric");
   fetchlet::DefineRun(*run, options);
   app.footer(fetchlet::kRunFooter);

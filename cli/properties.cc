@@ -1,6 +1,11 @@
 #include "properties.h"
 
-#include <fstream>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <nlohmann/json.hpp>
 
@@ -30,16 +35,43 @@ bool ReadJson(const Json& json, std::vector<Property>* out) {
   return true;
 }
 
+// The whole of a regular file; a message otherwise. O_NONBLOCK: opening a
+// FIFO must not wait for a writer.
+std::string ReadRegularFile(const std::string& path, std::string* text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return strerror(errno);
+  struct stat info;
+  std::string why;
+  if (fstat(fd, &info) != 0) {
+    why = strerror(errno);
+  } else if (S_ISDIR(info.st_mode)) {
+    why = "it is a directory";
+  } else if (!S_ISREG(info.st_mode)) {
+    why = "it is not a regular file";
+  }
+  char chunk[65536];
+  while (why.empty()) {
+    const ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) why = strerror(errno);
+    if (n <= 0) break;
+    text->append(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  return why;
+}
+
 }  // namespace
 
 bool ReadPropertiesFile(const std::string& path, std::vector<Property>* out,
                         std::string* error) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    *error = "cannot read properties file " + path;
+  std::string text;
+  const std::string why = ReadRegularFile(path, &text);
+  if (!why.empty()) {
+    *error = "cannot read properties file " + path + ": " + why;
     return false;
   }
-  const Json json = Json::parse(file, nullptr, false);
+  const Json json = Json::parse(text, nullptr, false);
   if (json.is_discarded() || !ReadJson(json, out)) {
     *error = "properties file " + path +
              " is not a JSON array of [name, value] pairs or a JSON object "

@@ -6,11 +6,14 @@
 // host can run commands as other users. It then trusts its caller with
 // nothing but the command, the command's environment and the credentials:
 // its settings come from a root-owned file, it authenticates with a clean
-// environment of its own, and it can be neither traced nor made to dump core.
+// environment, sane limits and umask of its own, it can be neither traced nor
+// made to dump core, and a wrong password costs a caller other than root a
+// fixed delay.
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/auxv.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,10 +47,14 @@ constexpr char kUnsafeConfig[] = "Launcher configuration is not secure";
 constexpr char kUnknownUser[] = "Authentication failed: unknown user";
 constexpr char kRootRefused[] = "Running commands as root is not permitted";
 
+constexpr unsigned kDefaultFailDelay = 3;
+constexpr unsigned kMaxFailDelay = 3600;
+
 struct Settings {
   std::string service = kDefaultService;
   std::string pam_dir;  // empty: PAM's own directories
   bool allow_root = false;
+  unsigned fail_delay = kDefaultFailDelay;  // seconds
 };
 
 // The request of descriptor 3. The buffer is allocated once at its full
@@ -82,6 +89,18 @@ bool ValidServiceName(std::string_view name) {
   return name[0] != '.';
 }
 
+bool ParseSeconds(std::string_view text, unsigned* seconds) {
+  if (text.empty() || text.size() > 4) return false;
+  unsigned value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    value = value * 10 + static_cast<unsigned>(c - '0');
+  }
+  if (value > kMaxFailDelay) return false;
+  *seconds = value;
+  return true;
+}
+
 // "key = value" lines; '#' starts a comment. Unknown keys are errors, so
 // that a misspelt setting is not silently ignored.
 bool ParseSettings(std::string_view text, Settings* settings) {
@@ -101,6 +120,8 @@ bool ParseSettings(std::string_view text, Settings* settings) {
       settings->pam_dir.assign(value);
     } else if (key == "allow_root" && (value == "yes" || value == "no")) {
       settings->allow_root = value == "yes";
+    } else if (key == "fail_delay" &&
+               ParseSeconds(value, &settings->fail_delay)) {
     } else {
       return false;
     }
@@ -220,17 +241,62 @@ void SecureDescriptors() {
   }
 }
 
-// The caller's environment is dropped before anything else reads it.
-std::string ConfigPath(bool privileged) {
-  const char* chosen = privileged ? nullptr : std::getenv(kConfigVariable);
-  std::string path = chosen != nullptr && *chosen != '\0' ? chosen
-                                                          : kDefaultConfig;
-  clearenv();
-  putenv(const_cast<char*>(kOwnPath));
-  return path;
+// A launcher more privileged than its caller, or one whose file would make
+// it so (a root caller gains nothing from the set-user-ID bit, and must not
+// be able to point an installed launcher elsewhere either). Without /proc the
+// launcher counts as installed.
+bool Installed() {
+  if (getauxval(AT_SECURE) != 0 || geteuid() != getuid() ||
+      getegid() != getgid()) {
+    return true;
+  }
+  struct stat info;
+  return stat("/proc/self/exe", &info) != 0 ||
+         (info.st_mode & (S_ISUID | S_ISGID)) != 0;
 }
 
+// The caller's environment is dropped before anything else reads it.
+void OwnEnvironment() {
+  clearenv();
+  putenv(const_cast<char*>(kOwnPath));
+}
+
+// [--config=FILE] -- COMMAND...: the index of COMMAND, or 0.
+int ParseArguments(int argc, char** argv, std::string* config) {
+  int next = 1;
+  if (next < argc && std::string_view(argv[next]).starts_with(kConfigOption)) {
+    *config = argv[next] + std::strlen(kConfigOption);
+    ++next;
+  }
+  if (next + 1 >= argc || std::strcmp(argv[next], kCommandMark) != 0) return 0;
+  return next + 1;
+}
+
+constexpr CallerLimits::Limit kOwnLimits[] = {
+    {RLIMIT_FSIZE, RLIM_INFINITY}, {RLIMIT_CPU, RLIM_INFINITY},
+    {RLIMIT_AS, RLIM_INFINITY},    {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_NOFILE, 1024},         {RLIMIT_CORE, 0}};
+static_assert(std::size(kOwnLimits) == CallerLimits::kCount);
+
 }  // namespace
+
+void CallerLimits::Replace() {
+  for (size_t i = 0; i < kCount; ++i) {
+    getrlimit(kOwnLimits[i].resource, &saved_[i]);
+    const rlimit own{kOwnLimits[i].value, kOwnLimits[i].value};
+    setrlimit(kOwnLimits[i].resource, &own);
+  }
+  umask_ = umask(022);
+  replaced_ = true;
+}
+
+void CallerLimits::Restore() const {
+  if (!replaced_) return;
+  for (size_t i = 0; i < kCount; ++i) {
+    setrlimit(kOwnLimits[i].resource, &saved_[i]);
+  }
+  umask(umask_);
+}
 
 // Allocation-free: the child of vfork reports through it too.
 void Report(char tag, const char* text) {
@@ -255,30 +321,36 @@ void Refuse(const char* text) {
 int main(int argc, char** argv) {
   using namespace qvelaunch;
   prctl(PR_SET_DUMPABLE, 0);
-  const bool privileged = getauxval(AT_SECURE) != 0;
+  const bool installed = Installed();
   SecureDescriptors();
-  const std::string config = ConfigPath(privileged);
-  if (argc < 3 || std::strcmp(argv[1], kCommandMark) != 0) {
-    Refuse(kInvalidRequest);
-  }
+  OwnEnvironment();
+  CallerLimits limits;
+  if (installed) limits.Replace();
+  std::string config;
+  const int command = ParseArguments(argc, argv, &config);
+  if (command == 0) Refuse(kInvalidRequest);
+  if (installed || config.empty()) config = kDefaultConfig;
   Settings settings;
-  if (const char* failure = ReadSettings(config, privileged, &settings)) {
+  if (const char* failure = ReadSettings(config, installed, &settings)) {
     Refuse(failure);
   }
   Request request;
   if (!ReadRequest(&request)) Refuse(kInvalidRequest);
+  // Root could do anything anyway; anyone else pays for each wrong guess.
+  const unsigned fail_delay = getuid() == 0 ? 0 : settings.fail_delay;
   Account account;
   PamTransaction transaction;
   const char* failure = nullptr;
   if (!LookUp(request.user, &account)) {
     failure = kUnknownUser;
+    PauseAfterFailure(fail_delay);
   } else if (account.uid == 0 && !settings.allow_root) {
     failure = kRootRefused;
   } else {
     failure = Authenticate(settings.service, settings.pam_dir, request.user,
-                           request.password, &transaction);
+                           request.password, fail_delay, &transaction);
   }
   request.WipePassword();
   if (failure != nullptr) Refuse(failure);
-  RunCommand(account, argv + 2, request.env, &transaction);
+  RunCommand(account, argv + command, request.env, limits, &transaction);
 }

@@ -1,5 +1,10 @@
 // Password and account checks through PAM, with fixed English texts for
 // every failure: PAM's own messages may be translated, or say too much.
+#include <pwd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -54,9 +59,34 @@ int Converse(int count, const pam_message** messages, pam_response** out,
   return PAM_SUCCESS;
 }
 
-// Stands in for PAM's sleep after a failure: a wrong password must not eat
-// seconds of the metric's time limit.
+// Stands in for PAM's sleep after a failure, which is random and shorter
+// than su's: the launcher's fixed delay replaces it (and a root caller, who
+// pays none, gets none from PAM either).
 void NoFailDelay(int /*status*/, unsigned int /*usec*/, void* /*data*/) {}
+
+// Who asked, for the modules that log or count failures per origin
+// (pam_faillock, pam_unix's log lines). Local: no remote host; a tty only when
+// the launcher has one.
+int SetOrigin(pam_handle_t* handle) {
+  int result = PAM_SUCCESS;
+  if (const passwd* caller = getpwuid(getuid())) {
+    result = pam_set_item(handle, PAM_RUSER, caller->pw_name);
+  }
+  const char* tty = isatty(STDIN_FILENO) ? ttyname(STDIN_FILENO) : nullptr;
+  if (result == PAM_SUCCESS && tty != nullptr) {
+    result = pam_set_item(handle, PAM_TTY, tty);
+  }
+  return result;
+}
+
+// A module may rename the user (case folding, a directory's own spelling):
+// the account looked up before is then not the one that was authenticated.
+bool SameUser(pam_handle_t* handle, const char* user) {
+  const void* item = nullptr;
+  return pam_get_item(handle, PAM_USER, &item) == PAM_SUCCESS &&
+         item != nullptr &&
+         std::strcmp(static_cast<const char*>(item), user) == 0;
+}
 
 const char* AuthenticationFailure(int result) {
   switch (result) {
@@ -88,7 +118,7 @@ const char* AccountFailure(int result) {
 
 const char* Authenticate(const std::string& service, const std::string& pam_dir,
                          const char* user, const char* password,
-                         PamTransaction* transaction) {
+                         unsigned fail_delay, PamTransaction* transaction) {
   // PAM keeps the conversation's address until the transaction ends.
   static Answers answers;
   static pam_conv conversation{Converse, &answers};
@@ -100,11 +130,17 @@ const char* Authenticate(const std::string& service, const std::string& pam_dir,
   if (result != PAM_SUCCESS) return kServiceUnavailable;
   result = pam_set_item(handle, PAM_FAIL_DELAY,
                         reinterpret_cast<const void*>(&NoFailDelay));
+  if (result == PAM_SUCCESS) result = SetOrigin(handle);
   const char* failure = result == PAM_SUCCESS ? nullptr : kServiceUnavailable;
   constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
   if (failure == nullptr) {
     result = pam_authenticate(handle, kFlags);
     failure = AuthenticationFailure(result);
+    if (failure != nullptr) PauseAfterFailure(fail_delay);
+  }
+  if (failure == nullptr && !SameUser(handle, user)) {
+    result = PAM_USER_UNKNOWN;
+    failure = kAuthFailed;
   }
   if (failure == nullptr) {
     result = pam_acct_mgmt(handle, kFlags);
@@ -114,6 +150,16 @@ const char* Authenticate(const std::string& service, const std::string& pam_dir,
   *transaction = PamTransaction{handle, result};
   if (failure != nullptr) EndTransaction(transaction);
   return failure;
+}
+
+void PauseAfterFailure(unsigned seconds) {
+  if (seconds == 0) return;
+  timespec until;
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += static_cast<time_t>(seconds);
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) ==
+         EINTR) {
+  }
 }
 
 void EndTransaction(PamTransaction* transaction) {

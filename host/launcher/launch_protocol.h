@@ -1,7 +1,12 @@
 // The private protocol between the embedded host and fetchlet-launch. Both
 // sides include this header; nothing else speaks it.
 //
-//   fetchlet-launch -- COMMAND [ARG...]
+//   fetchlet-launch [--config=FILE] -- COMMAND [ARG...]
+//
+// --config names a settings file for a launcher without privilege (a test
+// build). A launcher whose file is set-user-ID or set-group-ID, or that runs
+// with more privilege than its caller, ignores it and reads only its
+// root-owned file; no launcher reads its environment.
 //
 // Descriptor 3 carries the request, read to its end: the user name, the
 // password, then the command's environment entries (NAME=VALUE), each ended
@@ -12,13 +17,16 @@
 // the command has been executed. Otherwise it holds one line: a tag byte and
 // fixed English text, and the launcher exits with a non-zero status.
 //
-// The launcher stays the command's parent. SIGTERM, SIGINT, SIGHUP or SIGQUIT
-// to the launcher ends the command's process group with SIGKILL; the launcher
-// then reaps the command and exits with its status (128 + the signal number
-// for a signalled command).
+// The launcher stays the command's parent. kStopSignal (SIGTERM; SIGINT,
+// SIGHUP and SIGQUIT alike) to the launcher passes SIGTERM on to the
+// command's process group and SIGKILL kStopGraceSeconds later; kKillSignal
+// sends SIGKILL at once. The launcher then reaps the command and exits with
+// its status (128 + the signal number for a signalled command). The command
+// is killed, too, when the launcher dies.
 #ifndef QVE_HOST_LAUNCHER_LAUNCH_PROTOCOL_H_
 #define QVE_HOST_LAUNCHER_LAUNCH_PROTOCOL_H_
 
+#include <csignal>
 #include <cstddef>
 
 namespace qvelaunch {
@@ -38,10 +46,11 @@ inline constexpr char kExecFailedTag = 'X';
 // environment on Linux, which the command's environment must fit anyway.
 inline constexpr size_t kMaxRequest = size_t{2} << 20;
 
-// An unprivileged launcher (one not more privileged than its caller) reads
-// its settings from the file this variable names, for tests and benchmarks.
-// A set-user-ID launcher ignores it.
-inline constexpr char kConfigVariable[] = "FETCHLET_LAUNCH_CONFIG";
+inline constexpr char kConfigOption[] = "--config=";
+
+inline constexpr int kStopSignal = SIGTERM;
+inline constexpr int kKillSignal = SIGUSR1;
+inline constexpr unsigned kStopGraceSeconds = 2;
 
 }  // namespace qvelaunch
 

@@ -34,18 +34,29 @@ constexpr char kRootPath[] =
     "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr char kDefaultShell[] = "/bin/sh";
 
-// Kills that the launcher passes on to the command's group.
-constexpr int kForwarded[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
+// Stops the launcher passes on to the command's group: SIGTERM first, SIGKILL
+// when the grace has passed (SIGALRM) or at once.
+constexpr int kStops[] = {kStopSignal, SIGINT, SIGHUP, SIGQUIT};
+constexpr int kKills[] = {kKillSignal, SIGALRM};
 
 volatile sig_atomic_t g_command = 0;
 
-void Forward(int /*signal*/) {
+void SignalCommand(pid_t command, int sig) {
+  kill(-command, sig);
+  // In case the command left its group.
+  kill(command, sig);
+}
+
+void Forward(int sig) {
   const pid_t command = g_command;
   if (command <= 0) return;
   const int saved = errno;
-  kill(-command, SIGKILL);
-  // In case the command left its group.
-  kill(command, SIGKILL);
+  const bool kill_now = sig == kKillSignal || sig == SIGALRM;
+  SignalCommand(command, kill_now ? SIGKILL : SIGTERM);
+  if (!kill_now) {
+    SignalCommand(command, SIGCONT);
+    alarm(kStopGraceSeconds);
+  }
   errno = saved;
 }
 
@@ -150,12 +161,20 @@ const char* ExecFailure(int error) {
 // Runs in the child of vfork, which shares the launcher's memory until it
 // executes: system calls only, no allocation.
 [[noreturn]] void StartCommand(const Account& account,
-                               const std::vector<gid_t>& groups, char** argv,
-                               char** env) {
+                               const std::vector<gid_t>& groups,
+                               const CallerLimits& limits, pid_t launcher,
+                               char** argv, char** env) {
   ResetSignals();
   setpgid(0, 0);
+  limits.Restore();
   if (!SwitchUser(account, groups)) {
     Report(kRefusedTag, kSwitchRefused);
+    _exit(kLauncherFailed);
+  }
+  // The command dies with the launcher. The kernel clears this on a change
+  // of credentials, so it can only come now; a launcher already gone has
+  // made the child an orphan, which must not run.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != launcher) {
     _exit(kLauncherFailed);
   }
   if (account.home.empty() || chdir(account.home.c_str()) != 0) {
@@ -196,7 +215,11 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
   std::memset(&action, 0, sizeof action);
   action.sa_handler = Forward;
   sigfillset(&action.sa_mask);
-  for (int sig : kForwarded) {
+  for (int sig : kStops) {
+    sigaddset(blocked, sig);
+    sigaction(sig, &action, nullptr);
+  }
+  for (int sig : kKills) {
     sigaddset(blocked, sig);
     sigaction(sig, &action, nullptr);
   }
@@ -215,6 +238,10 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
                 WEXITED | WNOWAIT) != 0) {
     if (errno != EINTR) _exit(kLauncherFailed);
   }
+  // No stop may reach the command's id once it is reaped and free again.
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, nullptr);
   kill(-command, SIGKILL);
   int status = 0;
   while (waitpid(command, &status, 0) < 0) {
@@ -232,7 +259,8 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
 }  // namespace
 
 void RunCommand(const Account& account, char** argv,
-                const std::vector<char*>& env, PamTransaction* transaction) {
+                const std::vector<char*>& env, const CallerLimits& limits,
+                PamTransaction* transaction) {
   std::vector<std::string> storage;
   std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
   const std::vector<gid_t> groups = GroupsOf(account);
@@ -240,10 +268,13 @@ void RunCommand(const Account& account, char** argv,
   sigset_t previous;
   InstallForwarding(&blocked, &previous);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t launcher = getpid();
   // vfork: no copy of the launcher's memory, with all of PAM in it, for a
   // child that only switches user and executes.
   const pid_t command = vfork();
-  if (command == 0) StartCommand(account, groups, argv, command_env.data());
+  if (command == 0) {
+    StartCommand(account, groups, limits, launcher, argv, command_env.data());
+  }
   if (command < 0) {
     Report(kExecFailedTag, kForkFailed);
     std::exit(kLauncherFailed);

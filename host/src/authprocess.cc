@@ -171,28 +171,30 @@ struct qvejcap_Process {
 int qvejcap_Process::Spawn(const std::string& launcher, int request_fd,
                            int verdict_fd) {
   std::vector<char*> launch_argv;
-  launch_argv.reserve(argv.size() + 3);
+  launch_argv.reserve(argv.size() + 4);
   launch_argv.push_back(const_cast<char*>(launcher.c_str()));
+  std::string config = qvehost::internal::LauncherConfig();
+  if (!config.empty()) {
+    config.insert(0, qvelaunch::kConfigOption);
+    launch_argv.push_back(config.data());
+  }
   launch_argv.push_back(const_cast<char*>(qvelaunch::kCommandMark));
   for (std::string& arg : argv) launch_argv.push_back(arg.data());
   launch_argv.push_back(nullptr);
-  // Nothing of the host's environment but where a test launcher's settings
-  // are; the command's own environment travels with the credentials.
-  std::string config_entry;
-  std::vector<char*> launch_env;
-  if (const char* config = std::getenv(qvelaunch::kConfigVariable)) {
-    config_entry = std::string(qvelaunch::kConfigVariable) + "=" + config;
-    launch_env.push_back(config_entry.data());
-  }
-  launch_env.push_back(nullptr);
+  // Nothing of the host's environment: the launcher makes its own, and the
+  // command's travels with the credentials.
+  char* launch_env[] = {nullptr};
   const qvehost::internal::InheritedFd inherited[] = {
       {request_fd, qvelaunch::kRequestFd}, {verdict_fd, qvelaunch::kErrorFd}};
   qvehost::internal::SpawnRequest spawn;
   spawn.argv = launch_argv.data();
-  spawn.envp = launch_env.data();
+  spawn.envp = launch_env;
   spawn.mask = QVE_STREAM_ALL;
   spawn.search_path = false;
   spawn.inherited = inherited;
+  // An emergency stop gives the command the launcher's grace; the launcher
+  // alone may signal it.
+  child.set_stop_signal(qvelaunch::kStopSignal);
   return child.Start(spawn);
 }
 
@@ -237,12 +239,12 @@ int32_t qvejcap_Process::Run() {
   return error == 0 ? JudgeVerdict(std::move(text)) : -1;
 }
 
-// The launcher forwards the kill to the command's group, which the host may
-// have no right to signal, then reaps the command and ends. Only a launcher
-// that does not end in time is killed outright.
+// The launcher kills the command's group, which the host may have no right
+// to signal, then reaps the command and ends. Only a launcher that does not
+// end in time is killed outright (and the command with it).
 int32_t qvejcap_Process::Kill() {
   if (!child.started()) return -1;
-  if (!child.reaped() && child.SignalGroup(SIGTERM) == 0) {
+  if (!child.reaped() && child.SignalGroup(qvelaunch::kKillSignal) == 0) {
     child.SignalGroup(SIGCONT);
     if (AwaitEnd(child.pid())) return child.Wait();
   }

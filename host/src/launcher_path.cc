@@ -29,6 +29,7 @@ struct LauncherSetting {
   std::mutex mutex;
   std::string path;  // set by the program; empty: search
   std::string found;  // the search's result, kept once found
+  std::string config;  // for a launcher without privilege; empty: its own
 };
 
 LauncherSetting& Setting() {
@@ -79,6 +80,12 @@ void SetLauncherPath(const std::string& path) {
 
 std::string LauncherPath() { return internal::ResolveLauncherPath(); }
 
+void SetLauncherConfig(const std::string& path) {
+  LauncherSetting& setting = Setting();
+  std::lock_guard lock(setting.mutex);
+  setting.config = path;
+}
+
 namespace internal {
 
 std::string ResolveLauncherPath() {
@@ -87,6 +94,12 @@ std::string ResolveLauncherPath() {
   if (!setting.path.empty()) return setting.path;
   if (setting.found.empty()) setting.found = Search();
   return setting.found;
+}
+
+std::string LauncherConfig() {
+  LauncherSetting& setting = Setting();
+  std::lock_guard lock(setting.mutex);
+  return setting.config;
 }
 
 }  // namespace internal

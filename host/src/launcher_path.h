@@ -10,6 +10,8 @@ namespace qvehost::internal {
 // SetLauncherPath, or else the first executable found beside the host
 // library (see embedded.h); empty when there is none.
 std::string ResolveLauncherPath();
+// The settings file set through SetLauncherConfig; empty when none is.
+std::string LauncherConfig();
 
 }  // namespace qvehost::internal
 

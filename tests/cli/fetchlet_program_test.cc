@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "common/run_support.h"
+#include "host/launcher_support.h"
 
 extern char** environ;
 
@@ -97,7 +99,13 @@ TEST(FetchletProgramTest, ExitStatusesAndOutputFormats) {
       {{"os", "--properties", notPairs}, 2, "",
        "fetchlet: properties file " + notPairs + " is not a JSON array"},
       {{"os", "--properties", "/no/such/file"}, 2, "",
-       "fetchlet: cannot read properties file /no/such/file\n"},
+       "fetchlet: cannot read properties file /no/such/file: No such file "
+       "or directory\n"},
+      {{"os", "--output-limit", "1GiB", "command=true"}, 0, "(null)\n", ""},
+      {{"os", "--output-limit", "12XB", "command=true"}, 2, "",
+       "fetchlet: bad output limit '12XB'\n"},
+      {{"os", "--output-limit", "16777216TiB", "command=true"}, 2, "",
+       "fetchlet: bad output limit '16777216TiB'\n"},
       {{"os", "--log-level", "loud", "command=true"}, 2, "",
        "fetchlet: unknown log level 'loud'\n"},
       {{"os", "--server-version", "0x4g", "command=true"}, 2, "",
@@ -129,6 +137,124 @@ TEST(FetchletProgramTest, CtrlCAbortsARunOrEndsEverything) {
   InterruptOnceRunning(program);
   EXPECT_EQ(Finish(program), 130);
   EXPECT_EQ(SurvivingChildren(), std::vector<int>{});
+}
+
+}  // namespace
+}  // namespace qvetest
+
+namespace qvetest {
+namespace {
+
+// Files that are no properties file and no password file: the program says
+// why and never aborts or hangs (a FIFO with no writer).
+TEST(FetchletProgramTest, FilesThatCannotBeReadAreUsageErrors) {
+  const std::string dir = TempPath("dir");
+  const std::string fifo = TempPath("fifo");
+  const std::string shared = WriteFile("shared", "pw\n");
+  const std::string foreign = WriteFile("foreign", "pw\n");
+  std::filesystem::create_directory(dir);
+  mkfifo(fifo.c_str(), 0600);
+  chmod(shared.c_str(), 0640);
+  chmod(foreign.c_str(), 0600);
+  const bool can_chown = chown(foreign.c_str(), 65534, 65534) == 0;
+  const std::pair<Strings, std::string> cases[] = {
+      {{"--properties", dir}, "properties file " + dir + ": it is a directory"},
+      {{"--properties", fifo},
+       "properties file " + fifo + ": it is not a regular file"},
+      {{"password_file=" + dir}, "password file " + dir +
+                                     " is not a regular file"},
+      {{"password_file=" + fifo}, "password file " + fifo +
+                                      " is not a regular file"},
+      {{"password_file=/no/such"},
+       "cannot open password file /no/such: No such file or directory"},
+      {{"password_file=" + shared},
+       "password file " + shared +
+           " must not be readable or writable by group or others (chmod 600)"},
+      {{"password_file=" + foreign},
+       can_chown ? "password file " + foreign +
+                       " is not owned by the user running fetchlet"
+                 : ""},
+  };
+  for (const auto& [args, message] : cases) {
+    if (message.empty()) continue;
+    Strings all = {"run", "os", "command=true"};
+    all.insert(all.end(), args.begin(), args.end());
+    EXPECT_EQ(Finish(Start(all)), 2) << message;
+    EXPECT_EQ(FileBytes(kErr), "fetchlet: " + message + "\n");
+  }
+  std::filesystem::remove_all(dir);
+  for (const std::string& path : {fifo, shared, foreign}) unlink(path.c_str());
+}
+
+// A password given on the command line is gone from /proc/PID/cmdline while
+// the program runs, and the program warns about it.
+TEST(FetchletProgramTest, PasswordArgumentIsWipedAndWarnedAbout) {
+  BecomeSubreaper();
+  const pid_t program =
+      Start({"run", "os", "command=sleep 1", "password=Secret-Word"});
+  const std::string children = "/proc/" + std::to_string(program) + "/task/" +
+                               std::to_string(program) + "/children";
+  for (int i = 0; i < 500 && FileBytes(children).empty(); ++i) usleep(10000);
+  const std::string cmdline =
+      FileBytes("/proc/" + std::to_string(program) + "/cmdline");
+  EXPECT_EQ(Finish(program), 0);
+  EXPECT_NE(cmdline.find("password="), std::string::npos);
+  EXPECT_EQ(cmdline.find("Secret"), std::string::npos);
+  EXPECT_EQ(FileBytes(kErr),
+            "fetchlet: warning: a password given as password= on the command "
+            "line can be read by other local users; use password_file=PATH "
+            "or --ask-password\n");
+}
+
+// Every way of giving the password reaches the launcher as the same
+// password: only one trailing line feed of a file is dropped, and the
+// prompt does not echo.
+TEST(FetchletProgramTest, PasswordFromFileArgumentOrTerminal) {
+  const std::string reason = LauncherSkipReason();
+  if (!reason.empty()) GTEST_SKIP() << reason;
+  const TestAccount* account = AccountStore::Get().Shared();
+  if (account == nullptr) GTEST_SKIP() << "cannot make a test account";
+  const std::string right = account->password;
+  const std::string ran = "(table)\n  " + account->name + "\n";
+  const std::string file = TempPath("password");
+  const Strings run = {"run", "osline", "isSecureCommand=TRUE",
+                       "username=" + account->name, "command=id -un"};
+  const struct {
+    std::string file_text;  // "": the password on the command line
+    std::string out;
+  } cases[] = {
+      {right + "\n", ran},
+      {right, ran},
+      {right + "\n\n", ""},
+      {"", ran},
+  };
+  for (const auto& c : cases) {
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << c.file_text;
+    chmod(file.c_str(), 0600);
+    Strings args = run;
+    args.push_back(c.file_text.empty() ? "password=" + right
+                                       : "password_file=" + file);
+    EXPECT_EQ(Finish(Start(args)), c.out.empty() ? 1 : 0) << c.file_text;
+    EXPECT_EQ(FileBytes(kOut), c.out) << FileBytes(kErr);
+  }
+  unlink(file.c_str());
+  // On a terminal that script provides; the password is typed once the
+  // prompt is there (a terminal drops what was typed before echo went off).
+  std::string command = "(sleep 0.5; printf '%s\\n' '" + right +
+                        "') | script -qec \"" QVE_FETCHLET_BIN;
+  for (const std::string& arg : run) command += " '" + arg + "'";
+  command += " --ask-password\" /dev/null";
+  FILE* terminal = popen(command.c_str(), "r");
+  ASSERT_NE(terminal, nullptr);
+  std::string shown;
+  char chunk[256];
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, terminal)) > 0;) {
+    shown.append(chunk, n);
+  }
+  EXPECT_EQ(pclose(terminal), 0) << shown;
+  EXPECT_NE(shown.find("Password: "), std::string::npos) << shown;
+  EXPECT_NE(shown.find(account->name), std::string::npos) << shown;
+  EXPECT_EQ(shown.find(right), std::string::npos) << shown;
 }
 
 }  // namespace

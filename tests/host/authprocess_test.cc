@@ -2,48 +2,30 @@
 // throw-away account: what the plug-in's runner does not check.
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "common/test_account.h"
+#include "host/launcher_support.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace qvetest {
 namespace {
 
-using Strings = std::vector<std::string>;
 constexpr char kWrongPassword[] = "Authentication failed: wrong password";
 constexpr char kBadConfig[] = "Launcher configuration is not valid";
-
-std::vector<char*> Pointers(Strings& strings) {
-  std::vector<char*> pointers;
-  for (std::string& s : strings) pointers.push_back(s.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
-// The host copies the arrays: they need not outlive the call.
-qvejcap_Process* New(qvefet_Context* context, Strings argv,
-                     const std::string& user, const std::string& password,
-                     Strings* env = nullptr) {
-  std::vector<char*> args = Pointers(argv);
-  std::vector<char*> envs;
-  if (env != nullptr) envs = Pointers(*env);
-  return qvejcap_Process_new(
-      context, args.data(), static_cast<int32_t>(argv.size()),
-      env != nullptr ? envs.data() : nullptr,
-      env != nullptr ? static_cast<int32_t>(env->size()) : 0, 0, user.c_str(),
-      password.c_str(), nullptr);
-}
 
 struct Finished {
   bool started = false;
@@ -242,56 +224,83 @@ TEST_F(AuthProcessTest, UnprivilegedLauncherTakesTheSettingsItIsGiven) {
       {permit + pam_dir + "/permit\n", "", kBadConfig}};
   for (const auto& [settings, user, text] : cases) {
     std::ofstream(config) << settings;
-    setenv("FETCHLET_LAUNCH_CONFIG", config.c_str(), 1);
+    qvehost::SetLauncherConfig(config);
     EXPECT_EQ(RunToEnd({"/bin/true"}, "not-it", nullptr, user).text, text)
         << settings;
-    unsetenv("FETCHLET_LAUNCH_CONFIG");
+    qvehost::SetLauncherConfig("");
   }
   std::filesystem::remove_all(pam_dir);
   std::filesystem::remove(config);
 }
 
 // A set-user-ID launcher serves a host that has become nobody, and takes no
-// settings from its caller. The child reports a mismatch on its stderr.
-TEST_F(AuthProcessTest, UnprivilegedHostUsesASetuidLauncher) {
+// settings from its caller, nor from root. The child reports a mismatch on
+// its stderr.
+TEST_F(AuthProcessTest, SetuidLauncherServesNobodyAndIgnoresGivenSettings) {
   const std::string dir = "/tmp/qvel-setuid-" + std::to_string(getpid());
-  const std::string launcher = dir + "/fetchlet-launch";
-  std::filesystem::create_directory(dir);
-  chmod(dir.c_str(), 0755);
-  std::filesystem::copy_file(qvehost::LauncherPath(), launcher);
-  ASSERT_EQ(chown(launcher.c_str(), 0, 0), 0);
-  ASSERT_EQ(chmod(launcher.c_str(), 04755), 0);
+  const std::string launcher = SetuidLauncherCopy(dir);
+  ASSERT_NE(launcher, "");
   std::ofstream(dir + "/ignored.conf") << "allow_root = maybe\n";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    constexpr uid_t kNobody = 65534;
-    std::string report = "cannot become nobody";
-    if (setgroups(0, nullptr) == 0 &&
-        setresgid(kNobody, kNobody, kNobody) == 0 &&
-        setresuid(kNobody, kNobody, kNobody) == 0) {
-      qvehost::SetLauncherPath(launcher);
-      setenv("FETCHLET_LAUNCH_CONFIG", (dir + "/ignored.conf").c_str(), 1);
-      qvejcap_Process* sleeper =
-          New(context_, {"sleep", "60"}, account_->name, account_->password);
-      int32_t killed = -1;
-      if (qvejcap_Process_run(sleeper) == 0) {
-        qvejcap_Process_kill(sleeper);
-        qvejcap_Process_getExitValue(sleeper, &killed);
-      }
-      qvejcap_Process_delete(sleeper);
-      report = RunToEnd({"id", "-un"}, account_->password).out + "|" +
-               RunToEnd({"id"}, "wrong").text + "|" + std::to_string(killed);
+  qvehost::SetLauncherConfig(dir + "/ignored.conf");
+  qvehost::SetLauncherPath(launcher);
+  EXPECT_EQ(RunToEnd({"id", "-un"}, account_->password).out,
+            account_->name + "\n");
+  const std::string report = AsNobody([&] {
+    qvejcap_Process* sleeper =
+        New(context_, {"sleep", "60"}, account_->name, account_->password);
+    int32_t killed = -1;
+    if (qvejcap_Process_run(sleeper) == 0) {
+      qvejcap_Process_kill(sleeper);
+      qvejcap_Process_getExitValue(sleeper, &killed);
     }
-    const std::string want = account_->name + "\n|" + kWrongPassword + "|" +
-                             std::to_string(128 + SIGKILL);
-    if (report != want) std::fprintf(stderr, "nobody: %s\n", report.c_str());
-    _exit(report == want ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(pid, &status, 0);
-  EXPECT_EQ(status, 0);
+    qvejcap_Process_delete(sleeper);
+    return RunToEnd({"id", "-un"}, account_->password).out + "|" +
+           std::to_string(killed);
+  });
+  EXPECT_EQ(report, account_->name + "\n|" + std::to_string(128 + SIGKILL));
+  qvehost::SetLauncherConfig("");
   EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{});
   std::filesystem::remove_all(dir);
+}
+
+// The program's emergency stop signals the launcher and exits at once; the
+// launcher must end the command on its own, SIGKILL coming after the grace
+// for one that ignores SIGTERM. A launcher killed outright takes its command
+// with it. The host runs in a child that leaves at once, its parent (a
+// subreaper, as init would be) reaps what is orphaned.
+TEST_F(AuthProcessTest, EmergencyStopLeavesNothingOfTheCommand) {
+  // Each says when it is ready to be stopped.
+  const struct {
+    std::string script;
+    bool kill_launcher;
+  } cases[] = {
+      {"echo; exec sleep 60", false},
+      {"trap '' TERM; sleep 60 & echo; sleep 60", false},
+      {"echo; exec sleep 60", true},
+  };
+  for (const auto& c : cases) {
+    const std::string left = InSubreaper([&] {
+      const pid_t host = fork();
+      if (host == 0) {
+        qvejcap_Process* process = New(context_, {"sh", "-c", c.script},
+                                       account_->name, account_->password);
+        char ready[8];
+        if (qvejcap_Process_run(process) != 0 ||
+            qvejcap_Process_stdout_read(process, ready, sizeof ready) <= 0) {
+          _exit(1);
+        }
+        if (c.kill_launcher) {
+          kill(FirstChild(), SIGKILL);
+        } else {
+          qvehost::KillRunningCommands();
+        }
+        _exit(0);
+      }
+      return WaitUntilNoneLeft(host, account_->uid);
+    });
+    EXPECT_EQ(left, "") << c.script;
+  }
+  EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{});
 }
 
 TEST(AuthProcessStartTest, MissingLauncherFailsTheStartWithoutText) {

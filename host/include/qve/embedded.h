@@ -187,6 +187,11 @@ std::vector<CellView> RowView(const qvedrvr_ValueRow& row);
 void SetLauncherPath(const std::string& path);
 // The launcher the next authenticated start uses; empty when none is found.
 std::string LauncherPath();
+// A settings file for a launcher without privilege (one built for tests, not
+// set-user-ID); empty (the default): the launcher's own root-owned file. An
+// installed launcher ignores it. The host never passes its own environment
+// to the launcher, so no variable can stand in for this.
+void SetLauncherConfig(const std::string& path);
 
 }  // namespace qvehost
 QVE_HOST_EXPORTS_END

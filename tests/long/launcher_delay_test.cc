@@ -1,0 +1,128 @@
+// What a wrong password costs through an installed (set-user-ID) launcher:
+// seconds for a caller other than root, nothing for root, and never a run of
+// the command. Slow by design, so among the long tests.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "common/test_account.h"
+#include "host/launcher_support.h"
+#include "qve/embedded.h"
+#include "qve/host.h"
+
+namespace qvetest {
+namespace {
+
+constexpr char kWrongPassword[] = "Authentication failed: wrong password";
+constexpr int kAttempts = 3;
+constexpr double kDelaySeconds = 3;
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() -
+                                       start)
+      .count();
+}
+
+// kAttempts wrong passwords in turn: each attempt's seconds and the texts
+// that were not the refusal, as "s1 s2 s3|unexpected texts".
+std::string WrongPasswords(const TestAccount& account,
+                           const std::string& marker) {
+  qvefet_Context* context = qvehost::NewContext();
+  std::string seconds, unexpected;
+  for (int i = 0; i < kAttempts; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    qvejcap_Process* process = New(context, {"touch", marker}, account.name,
+                                   "wrong-" + std::to_string(i));
+    const int32_t started = qvejcap_Process_run(process);
+    char text[8208] = {'?'};
+    qvejcap_Process_qvo_stderr_read(process, text, 0, 0);
+    qvejcap_Process_blocking_wait(process);
+    qvejcap_Process_delete(process);
+    seconds += std::to_string(SecondsSince(start)) + " ";
+    if (started != 0 || std::string(text) != kWrongPassword) {
+      unexpected += text;
+    }
+  }
+  qvehost::DeleteContext(context);
+  return seconds + "|" + unexpected;
+}
+
+// The same through su on a terminal as nobody, for comparison: seconds per
+// attempt, the wait before the password is typed included. Empty when su or
+// script cannot run here.
+std::string SuSeconds(const std::string& user) {
+  const std::string attempt =
+      "(sleep 0.3; printf 'wrong\\n') | setpriv --reuid=65534 --regid=65534 "
+      "--clear-groups script -qec \"bash -c 'TIMEFORMAT=%R; time su -c true " +
+      user + "'\" /dev/null 2>&1 | tail -n 1; ";
+  std::string command;
+  for (int i = 0; i < kAttempts; ++i) command += attempt;
+  FILE* su = popen(command.c_str(), "r");
+  if (su == nullptr) return "";
+  std::string seconds;
+  char line[128];
+  while (std::fgets(line, sizeof line, su) != nullptr) {
+    seconds += std::string(line).substr(0, std::strcspn(line, "\r\n")) + " ";
+  }
+  pclose(su);
+  return seconds;
+}
+
+double Sum(const std::string& seconds) {
+  double sum = 0;
+  std::istringstream in(seconds);
+  for (double s; in >> s;) sum += s;
+  return sum;
+}
+
+double Max(const std::string& seconds) {
+  double most = 0;
+  std::istringstream in(seconds);
+  for (double s; in >> s;) most = std::max(most, s);
+  return most;
+}
+
+TEST(LauncherDelayTest, WrongPasswordsCostCallersButRootSecondsEach) {
+  const std::string reason = LauncherSkipReason();
+  if (!reason.empty()) GTEST_SKIP() << reason;
+  const TestAccount* account = AccountStore::Get().Shared();
+  if (account == nullptr) GTEST_SKIP() << "cannot make a test account";
+  const std::string dir = "/tmp/qvel-delay-" + std::to_string(getpid());
+  const std::string launcher = SetuidLauncherCopy(dir);
+  ASSERT_NE(launcher, "");
+  chmod(dir.c_str(), 01777);
+  const std::string marker = dir + "/ran";
+  qvehost::SetLauncherPath(launcher);
+  std::string su_seconds;
+  std::thread su_thread([&] { su_seconds = SuSeconds(account->name); });
+  const std::string nobody =
+      AsNobody([&] { return WrongPasswords(*account, marker); });
+  const std::string root = WrongPasswords(*account, marker);
+  su_thread.join();
+  qvehost::SetLauncherPath("");
+  std::cout << "wrong passwords as nobody, s: "
+            << nobody.substr(0, nobody.find('|')) << "(total "
+            << Sum(nobody) << "); su on a terminal as nobody, s: "
+            << su_seconds << "(total " << Sum(su_seconds)
+            << "); as root, s: " << root.substr(0, root.find('|')) << "\n";
+  EXPECT_GE(Sum(nobody), kAttempts * kDelaySeconds) << nobody;
+  EXPECT_LT(Max(root), kDelaySeconds) << root;
+  EXPECT_EQ(nobody.substr(nobody.find('|')), "|");
+  EXPECT_EQ(root.substr(root.find('|')), "|");
+  EXPECT_FALSE(std::filesystem::exists(marker));
+  EXPECT_EQ(ProcessesOf(account->uid), std::vector<int>{});
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace qvetest
