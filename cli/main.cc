@@ -12,6 +12,7 @@
 #include "properties.h"
 #include "qve/embedded.h"
 #include "render.h"
+#include "test_command.h"
 
 namespace fetchlet {
 namespace {
@@ -194,6 +195,8 @@ int main(int argc, char** argv) {
   fetchlet::Options options;
   CLI::App* run = app.add_subcommand("run", "evaluate one metric");
   fetchlet::DefineRun(*run, options);
+  fetchlet::TestOptions test_options;
+  CLI::App* test = fetchlet::DefineTest(app, test_options);
   app.footer(fetchlet::kRunFooter);
   try {
     app.parse(argc, argv);
@@ -201,5 +204,6 @@ int main(int argc, char** argv) {
     const int code = app.exit(e);
     return code == 0 ? 0 : fetchlet::kUsageError;
   }
+  if (test->parsed()) return fetchlet::RunTest(test_options);
   return fetchlet::Run(options);
 }

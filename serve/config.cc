@@ -1,6 +1,8 @@
 #include "serve/config.h"
 
+#include <algorithm>
 #include <fstream>
+#include <tuple>
 #include <iostream>
 #include <set>
 #include <sstream>
@@ -110,6 +112,16 @@ std::optional<YAML::Node> Parse(const std::string& path,
   return std::nullopt;
 }
 
+// Problems in the order of the file, whatever order the checks ran in.
+void SortByPlace(std::vector<ConfigProblem>* problems, size_t from) {
+  std::stable_sort(problems->begin() + static_cast<ptrdiff_t>(from),
+                   problems->end(),
+                   [](const ConfigProblem& a, const ConfigProblem& b) {
+                     return std::tie(a.where.line, a.where.column) <
+                            std::tie(b.where.line, b.where.column);
+                   });
+}
+
 }  // namespace
 
 std::string ConfigProblem::ToString() const {
@@ -150,6 +162,8 @@ std::optional<Config> LoadConfig(const std::string& path,
     reader.Problem(*root, "missing key 'collectors'");
   }
   CheckFamilyClashes(reader, config.collectors);
+  SortByPlace(problems, before);
+  SortByPlace(warnings, 0);
   if (problems->size() != before) return std::nullopt;
   return config;
 }

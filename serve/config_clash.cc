@@ -34,8 +34,7 @@ std::vector<std::string> ClaimedNames(const MetricSpec& metric) {
 }
 
 std::string Place(const Position& where) {
-  return where.file + ":" + std::to_string(where.line) + ":" +
-         std::to_string(where.column);
+  return "line " + std::to_string(where.line);
 }
 
 std::vector<const MetricSpec*> FamiliesOf(const CollectorConfig& collector) {
@@ -60,9 +59,9 @@ void CheckFamilyClashes(YamlReader& reader,
             other.name == metric->name
                 ? "family '" + metric->name + "' is already defined at " +
                       Place(other.where)
-                : "family '" + metric->name + "' clashes with family '" +
-                      other.name + "' at " + Place(other.where) + " over '" +
-                      name + "'";
+                : "family '" + metric->name + "' clashes with '" +
+                      other.name + "' of " + Place(other.where) +
+                      " over the name '" + name + "'";
         reader.ProblemAt(metric->where, text);
         break;
       }

@@ -182,7 +182,6 @@ std::optional<CollectorKind> ReadKind(YamlReader& reader,
 std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                                              const YAML::Node& node,
                                              Duration default_timeout) {
-  const size_t before = reader.ProblemCount();
   CollectorConfig collector;
   collector.where = reader.Where(node);
   collector.timeout = default_timeout;
@@ -203,11 +202,10 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
     reader.Problem(node, "a collector needs exactly one of 'interval' and "
                          "'on_scrape'");
   }
-  if (kind) CheckKindKeys(reader, node, entries, *kind);
-  if (reader.ProblemCount() != before) return std::nullopt;
+  if (!kind) return collector;
+  CheckKindKeys(reader, node, entries, *kind);
   CheckColumns(reader, collector);
   CheckUdmValue(reader, node, collector);
-  if (reader.ProblemCount() != before) return std::nullopt;
   return collector;
 }
 

@@ -11,7 +11,8 @@
 
 namespace fetchlet::serve {
 
-// One entry of collectors; nullopt when it has problems (all reported).
+// One entry of collectors, with the parts that read well; every problem is
+// reported. nullopt when the entry is not a mapping.
 std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                                              const YAML::Node& node,
                                              Duration default_timeout);

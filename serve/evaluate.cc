@@ -24,6 +24,20 @@ qvlnv_NVList* PropertyList(const CollectorConfig& collector,
 
 }  // namespace
 
+const char* EntryPointPrefix(CollectorKind kind) {
+  switch (kind) {
+    case CollectorKind::kOs:
+      return "qvefos";
+    case CollectorKind::kOsLine:
+      return "qvefosl";
+    case CollectorKind::kOsLineToken:
+      return "qvefoslt";
+    case CollectorKind::kUdm:
+      return "qvefosud";
+  }
+  return "qvefos";
+}
+
 // A context of its own for each evaluation: contexts are cheap, and the
 // abort callback a run registers lives with its context and request id, so
 // evaluations on different workers never share one.

@@ -22,6 +22,9 @@ struct Evaluation {
   double duration_seconds = 0;
 };
 
+// The prefix of the plug-in's exports for kind ("qvefos", ...).
+const char* EntryPointPrefix(CollectorKind kind);
+
 // Runs collector once on the calling thread under evaluation (the host's
 // evaluation tag, never 0) with request_id as its KTDCLIENT_REQUEST_ID, so
 // that another thread can end it with qvehost::AbortRequest(request_id) and
