@@ -8,17 +8,17 @@ namespace {
 
 struct KindKeys {
   CollectorKind kind;
-  const char* name;
+  const char* name;  // with its article, for messages
   std::vector<std::string> required;
   std::vector<std::string> unused;
 };
 
 const std::vector<KindKeys> kKindKeys = {
-    {CollectorKind::kOs, "os", {"regex", "metrics"}, {"table", "value"}},
-    {CollectorKind::kOsLine, "osline", {"metrics"}, {"regex", "value"}},
-    {CollectorKind::kOsLineToken, "oslinetoken", {"metrics"},
+    {CollectorKind::kOs, "an os", {"regex", "metrics"}, {"table", "value"}},
+    {CollectorKind::kOsLine, "an osline", {"metrics"}, {"regex", "value"}},
+    {CollectorKind::kOsLineToken, "an oslinetoken", {"metrics"},
      {"regex", "value"}},
-    {CollectorKind::kUdm, "udm", {"value"}, {"table", "regex", "metrics"}}};
+    {CollectorKind::kUdm, "a udm", {"value"}, {"table", "regex", "metrics"}}};
 
 std::string Place(const std::string& prefix, const MetricSpec& metric) {
   return prefix + " of family '" + metric.name + "'";
@@ -33,14 +33,14 @@ void CheckKindKeys(YamlReader& reader, const YAML::Node& node,
     if (keys.kind != kind) continue;
     for (const std::string& key : keys.required) {
       if (!YamlReader::Find(entries, key).IsDefined()) {
-        reader.Problem(node, std::string("a ") + keys.name +
-                                 " collector needs '" + key + "'");
+        reader.Problem(node, std::string(keys.name) + " collector needs '" +
+                                 key + "'");
       }
     }
     for (const auto& entry : entries) {
       for (const std::string& key : keys.unused) {
         if (entry.key != key) continue;
-        reader.Problem(entry.key_node, "'" + key + "' is not used by a " +
+        reader.Problem(entry.key_node, "'" + key + "' is not used by " +
                                            keys.name + " collector");
       }
     }

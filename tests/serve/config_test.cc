@@ -78,7 +78,7 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
       {WithCollector("    on_scrape: {cache_for: 1s}\n"),
        {"F:2:5: a collector needs exactly one of 'interval' and 'on_scrape'"}},
       {WithCollector("    regex: '(a'\n"),
-       {"F:8:5: 'regex' is not used by a osline collector",
+       {"F:8:5: 'regex' is not used by an osline collector",
         "F:8:12: regex does not compile: missing ): (a"}},
       {WithCollector("  - {name: d, kind: os, interval: 1s, regex: '(a)',\n"
                      "     properties: {command: x, password: pw},\n"
