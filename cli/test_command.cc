@@ -10,6 +10,7 @@
 #include "qve/embedded.h"
 #include "serve/config.h"
 #include "serve/evaluate.h"
+#include "serve/exposition.h"
 #include "serve/mapping.h"
 
 namespace fetchlet {
@@ -131,12 +132,6 @@ bool LoadCollectors(const TestOptions& options, serve::Config* config) {
   return true;
 }
 
-// Stands in for the exposition renderer until it lands.
-std::string Exposition(const std::vector<serve::FamiliesPtr>&,
-                       const std::string&) {
-  return "";
-}
-
 }  // namespace
 
 CLI::App* DefineTest(CLI::App& app, TestOptions& o) {
@@ -194,7 +189,11 @@ int RunTest(const TestOptions& options) {
     exposed.push_back(
         std::make_shared<const serve::Families>(std::move(mapped.families)));
   }
-  if (!options.json) std::cout << Exposition(exposed, options.format);
+  if (!options.json) {
+    std::cout << serve::RenderExposition(
+        exposed, options.format == "openmetrics" ? serve::Format::kOpenMetrics
+                                                 : serve::Format::kText);
+  }
   return all_good ? 0 : kFailed;
 }
 

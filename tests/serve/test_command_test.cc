@@ -140,23 +140,32 @@ TEST(ServeTestCommandTest, ExitStatuses) {
     std::vector<std::string> args;
     int status;
     Lines err;
+    std::string out;  // checked when not empty
   } cases[] = {
-      {{"test", "--config", good, "--json"}, 0, {}},
+      {{"test", "--config", good}, 0, {},
+       "# HELP one h\n# TYPE one gauge\none 1\n"},
+      {{"test", "--config", good, "--format", "openmetrics"}, 0, {},
+       "# HELP one h\n# TYPE one gauge\none 1\n# EOF\n"},
       {{"test", "--config", good, "--collector", "two"},
        2,
-       {"fetchlet: no collector named 'two' in " + good}},
+       {"fetchlet: no collector named 'two' in " + good},
+       ""},
       {{"test", "--config", broken},
        2,
        {broken + ":2:5: a collector needs exactly one of 'interval' and "
                  "'on_scrape'",
-        broken + ":2:5: an osline collector needs 'metrics'"}},
-      {{"test", "--config", good, "--format", "json"}, 2, {}},
+        broken + ":2:5: an osline collector needs 'metrics'"},
+       ""},
+      {{"test", "--config", good, "--format", "json"}, 2, {}, ""},
   };
   for (const auto& c : cases) {
     const Outcome outcome = RunFetchlet(c.args);
     EXPECT_EQ(outcome.status, c.status) << c.args.back();
     if (c.status != 2 || !c.err.empty()) {
       EXPECT_EQ(outcome.err, c.err) << c.args.back();
+    }
+    if (!c.out.empty()) {
+      EXPECT_EQ(outcome.out, c.out) << c.args.back();
     }
   }
 }
