@@ -102,6 +102,47 @@ void ReadMetricKey(YamlReader& reader, const YamlReader::Entry& entry,
   }
 }
 
+// _total, _info and the unit at the end of the name as the type wants them.
+void CheckSuffixes(YamlReader& reader, const YAML::Node& node,
+                   const MetricSpec& metric) {
+  const std::string& name = metric.name;
+  const bool counter = metric.type == MetricType::kCounter;
+  if (counter && !EndsWith(name, "_total")) {
+    reader.Problem(node, "counter '" + name + "' must end in _total");
+  }
+  if (!counter && EndsWith(name, "_total")) {
+    reader.Problem(node, "only a counter's name ends in _total");
+  }
+  if (metric.type == MetricType::kInfo && EndsWith(name, "_info")) {
+    reader.Problem(node, "info family '" + name +
+                             "' is named without _info, which its samples get");
+  }
+  if (metric.unit.empty()) return;
+  if (metric.type == MetricType::kInfo ||
+      metric.type == MetricType::kStateset) {
+    reader.Problem(node, "an info or stateset family has no unit");
+  } else if (!IsValidName(metric.unit) ||
+             !EndsWith(name, "_" + metric.unit + (counter ? "_total" : ""))) {
+    reader.Problem(node, "unit '" + metric.unit + "' must be the suffix of '" +
+                             name + "'" + (counter ? " before _total" : ""));
+  }
+}
+
+void CheckStates(YamlReader& reader, const YAML::Node& node,
+                 const MetricSpec& metric) {
+  if (metric.type != MetricType::kStateset) {
+    if (!metric.states.empty()) reader.Problem(node, "only a stateset has states");
+    return;
+  }
+  if (metric.states.empty()) reader.Problem(node, "a stateset needs states");
+  for (const auto& label : metric.labels) {
+    if (label.first == metric.name) {
+      reader.Problem(node, "label '" + metric.name +
+                               "' is the stateset's own state label");
+    }
+  }
+}
+
 }  // namespace
 
 bool IsValidName(const std::string& name) {
@@ -155,38 +196,8 @@ void CheckFamily(YamlReader& reader, const YAML::Node& node,
                              "' is reserved for the program's own metrics");
   }
   if (metric.help.empty()) reader.Problem(node, "help is empty");
-  const bool counter = metric.type == MetricType::kCounter;
-  if (counter && !EndsWith(name, "_total")) {
-    reader.Problem(node, "counter '" + name + "' must end in _total");
-  }
-  if (!counter && EndsWith(name, "_total")) {
-    reader.Problem(node, "only a counter's name ends in _total");
-  }
-  if (metric.type == MetricType::kInfo && EndsWith(name, "_info")) {
-    reader.Problem(node, "info family '" + name +
-                             "' is named without _info, which its samples get");
-  }
-  const bool unitless = metric.type == MetricType::kInfo ||
-                        metric.type == MetricType::kStateset;
-  if (!metric.unit.empty() && unitless) {
-    reader.Problem(node, "an info or stateset family has no unit");
-  } else if (!metric.unit.empty() &&
-             (!IsValidName(metric.unit) ||
-              !EndsWith(name, "_" + metric.unit + (counter ? "_total" : "")))) {
-    reader.Problem(node, "unit '" + metric.unit + "' must be the suffix of '" +
-                             name + "'" + (counter ? " before _total" : ""));
-  }
-  if (metric.type == MetricType::kStateset) {
-    if (metric.states.empty()) reader.Problem(node, "a stateset needs states");
-    for (const auto& label : metric.labels) {
-      if (label.first == name) {
-        reader.Problem(node, "label '" + name +
-                                 "' is the stateset's own state label");
-      }
-    }
-  } else if (!metric.states.empty()) {
-    reader.Problem(node, "only a stateset has states");
-  }
+  CheckSuffixes(reader, node, metric);
+  CheckStates(reader, node, metric);
 }
 
 }  // namespace fetchlet::serve
