@@ -93,6 +93,14 @@ constexpr const char* kConfig = R"(collectors:
     timeout: 300ms
     properties: {command: "sh -c 'exec >&- 2>&-; sleep 61.5'"}
     metrics: [{name: hung_value, help: h, value: {column: 0}}]
+  - name: nested
+    kind: oslinetoken
+    interval: 1m
+    properties: {command: "printf 'a 1\n--\nb 2\n'", delimiter: " ",
+                 tableSeparator: "--"}
+    table: {nested_table: 1}
+    metrics: [{name: nested_value, help: h, value: {column: 1},
+               labels: {key: 0}}]
 )";
 
 TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
@@ -104,14 +112,16 @@ TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
   for (std::string line; std::getline(lines, line);) {
     objects.push_back(Json::parse(line));
   }
-  ASSERT_EQ(objects.size(), 4u) << outcome.out;
+  ASSERT_EQ(objects.size(), 5u) << outcome.out;
   const Json expected_samples[] = {
       Json::parse(R"([{"family":"fs_size_bytes","type":"gauge",
         "name":"fs_size_bytes","labels":{"device":"/dev/a"},"value":102400}])"),
       Json::parse(R"([{"family":"host_load1","type":"gauge",
         "name":"host_load1","labels":{},"value":0.25}])"),
-      Json::array(), Json::array()};
-  const std::string failures[] = {"", "", "run", "timeout"};
+      Json::array(), Json::array(),
+      Json::parse(R"([{"family":"nested_value","type":"gauge",
+        "name":"nested_value","labels":{"key":"b"},"value":2}])")};
+  const std::string failures[] = {"", "", "run", "timeout", ""};
   for (size_t i = 0; i < objects.size(); ++i) {
     EXPECT_EQ(objects[i]["samples"], expected_samples[i]) << objects[i];
     EXPECT_EQ(objects[i]["failure"], failures[i]) << objects[i];
