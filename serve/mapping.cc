@@ -63,22 +63,29 @@ Cells RowCells(const Json& row, bool drop_empty) {
 
 // The rows to read: the result's own, or with tableSeparator set, those of
 // the configured nested table (none when the output had fewer).
-Json TableRows(const CollectorConfig& collector, const Json& result) {
-  const Json& rows = result["rows"];
+const Json kNoRows = Json::array();
+
+const Json& Rows(const Json& table) {
+  const auto rows = table.find("rows");
+  return rows != table.end() && rows->is_array() ? *rows : kNoRows;
+}
+
+const Json& TableRows(const CollectorConfig& collector, const Json& result) {
+  const Json& rows = Rows(result);
   const std::string* separator = Property(collector, "tableSeparator");
   if (separator == nullptr || separator->empty()) return rows;
   const size_t index =
       static_cast<size_t>(collector.table.nested_table.value_or(0));
   if (rows.empty() || rows[0].size() <= index || !rows[0][index].is_object()) {
-    return Json::array();
+    return kNoRows;
   }
-  return rows[0][index]["rows"];
+  return Rows(rows[0][index]);
 }
 
 void MapTable(const CollectorConfig& collector, const Json& result,
               Mapped* mapped) {
   mapped->families = EmptyFamilies(collector.metrics);
-  const Json rows = TableRows(collector, result);
+  const Json& rows = TableRows(collector, result);
   for (size_t i = static_cast<size_t>(collector.table.skip_rows);
        i < rows.size(); ++i) {
     const Cells cells = RowCells(rows[i], collector.table.drop_empty_fields);
@@ -92,7 +99,7 @@ void MapTable(const CollectorConfig& collector, const Json& result,
 }
 
 std::string OsText(const Json& result) {
-  const Json& rows = result["rows"];
+  const Json& rows = Rows(result);
   if (rows.empty() || rows[0].empty() || !rows[0][0].is_string()) return "";
   return rows[0][0].get<std::string>();
 }
@@ -126,8 +133,8 @@ void MapOs(const CollectorConfig& collector, const Json& result,
 // A udm row: command ID, NUMBER value, STRING value, message.
 void MapUdm(const CollectorConfig& collector, const Json& result,
             Mapped* mapped) {
-  const Json& rows = result["rows"];
-  const Json row = rows.empty() ? Json::array() : rows[0];
+  const Json& rows = Rows(result);
+  const Json& row = rows.empty() ? kNoRows : rows[0];
   const auto text = [&row](size_t i) -> const Json* {
     return i < row.size() && row[i].is_string() ? &row[i] : nullptr;
   };
