@@ -12,6 +12,7 @@
 #include "properties.h"
 #include "qve/embedded.h"
 #include "render.h"
+#include "serve_command.h"
 #include "test_command.h"
 
 namespace fetchlet {
@@ -197,6 +198,8 @@ int main(int argc, char** argv) {
   fetchlet::DefineRun(*run, options);
   fetchlet::TestOptions test_options;
   CLI::App* test = fetchlet::DefineTest(app, test_options);
+  fetchlet::ServeOptions serve_options;
+  CLI::App* serve = fetchlet::DefineServe(app, serve_options);
   app.footer(fetchlet::kRunFooter);
   try {
     app.parse(argc, argv);
@@ -205,5 +208,6 @@ int main(int argc, char** argv) {
     return code == 0 ? 0 : fetchlet::kUsageError;
   }
   if (test->parsed()) return fetchlet::RunTest(test_options);
+  if (serve->parsed()) return fetchlet::RunServe(serve_options);
   return fetchlet::Run(options);
 }
