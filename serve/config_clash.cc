@@ -39,6 +39,7 @@ std::string Place(const Position& where) {
 
 std::vector<const MetricSpec*> FamiliesOf(const CollectorConfig& collector) {
   std::vector<const MetricSpec*> families;
+  families.reserve(collector.metrics.size() + 1);
   for (const MetricSpec& metric : collector.metrics) families.push_back(&metric);
   if (collector.udm_value) families.push_back(&*collector.udm_value);
   return families;

@@ -142,7 +142,7 @@ void MapUdm(const CollectorConfig& collector, const Json& result,
     mapped->notes.push_back("message: " + message->get<std::string>());
   }
   const Json* value = text(1) != nullptr ? text(1) : text(2);
-  if (value == nullptr) {
+  if (value == nullptr || !collector.udm_value) {
     mapped->failure = "no_value";
     mapped->notes.push_back("no value");
     return;

@@ -12,7 +12,7 @@ namespace fetchlet::serve {
 namespace {
 
 // Secrets are small; a larger file is a mistake, not a password.
-constexpr size_t kMostBytes = 64 * 1024;
+constexpr size_t kMostBytes = size_t{64} * 1024;
 
 int OpenRetrying(const std::string& path) {
   int fd = -1;

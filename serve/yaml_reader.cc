@@ -57,7 +57,8 @@ std::vector<YamlReader::Entry> YamlReader::Entries(
     }
     if (!allowed.empty() &&
         std::find(allowed.begin(), allowed.end(), key) == allowed.end()) {
-      Problem(pair.first, "unknown key '" + key + "' in " + what);
+      std::string message = "unknown key '" + key + "' in ";
+      Problem(pair.first, message += what);
       continue;
     }
     entries.push_back({key, pair.first, pair.second});
