@@ -154,6 +154,21 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
   }
 }
 
+// The README's example, with a password file of this test's own.
+TEST(ServeConfigTest, ReadmeExampleLoads) {
+  const std::string readme = ReadServeFile(QVE_SOURCE_DIR "/README.md");
+  const std::regex block("```yaml\n([^`]*collectors:[^`]*)```");
+  std::smatch example;
+  ASSERT_TRUE(std::regex_search(readme, example, block))
+      << "README.md has no yaml block with collectors";
+  const std::string password = PasswordFile("readme-pw", 0600, geteuid());
+  const std::string text = std::regex_replace(
+      example[1].str(), std::regex("password_file: *[^ \n]+"),
+      "password_file: " + password);
+  const Config config = LoadServeConfig(text);
+  EXPECT_FALSE(config.collectors.empty());
+}
+
 TEST(ServeConfigTest, MetricTimeoutAmongPropertiesIsOnlyAWarning) {
   const std::string text =
       "collectors:\n  - name: c\n    kind: os\n    interval: 1s\n"
