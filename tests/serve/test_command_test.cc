@@ -144,6 +144,11 @@ TEST(ServeTestCommandTest, ExitStatuses) {
       "collectors:\n  - {name: one, kind: osline, interval: 1s, "
       "properties: {command: echo 1}, metrics: [{name: one, help: h, "
       "value: {column: 0}}]}\n");
+  const std::string warned = WriteServeFile(
+      "warned.yaml",
+      "collectors: [{name: one, kind: osline, interval: 1s, properties: "
+      "{command: x, KT_METRIC_TIMEOUT: '3'}, metrics: [{name: one, help: h, "
+      "value: {column: 0}}]}]\n");
   const std::string broken = WriteServeFile(
       "broken.yaml", "collectors:\n  - {name: one, kind: osline}\n");
   const struct {
@@ -167,11 +172,23 @@ TEST(ServeTestCommandTest, ExitStatuses) {
         broken + ":2:5: an osline collector needs 'metrics'"},
        ""},
       {{"test", "--config", good, "--format", "json"}, 2, {}, ""},
+      {{"serve", "--check-config", good}, 0, {}, ""},
+      {{"serve", "--check-config", warned},
+       0,
+       {warned + ":1:79: warning: KT_METRIC_TIMEOUT makes the fetchlet "
+                 "ignore aborts; use the collector's timeout"},
+       ""},
+      {{"serve", "--check-config", broken},
+       1,
+       {broken + ":2:5: a collector needs exactly one of 'interval' and "
+                 "'on_scrape'",
+        broken + ":2:5: an osline collector needs 'metrics'"},
+       ""},
   };
   for (const auto& c : cases) {
     const Outcome outcome = RunFetchlet(c.args);
     EXPECT_EQ(outcome.status, c.status) << c.args.back();
-    if (c.status != 2 || !c.err.empty()) {
+    if (c.status != 2 || !c.err.empty()) {  // CLI11 words its own usage
       EXPECT_EQ(outcome.err, c.err) << c.args.back();
     }
     if (!c.out.empty()) {
