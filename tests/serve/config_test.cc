@@ -99,13 +99,19 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
            "      - {name: x, help: h, value: {column: 0}}\n"
            "      - {name: foo, help: h, type: info, labels: {a: 0}}\n"
            "      - {name: foo_info, help: h, value: {column: 0}}\n"
-           "      - {name: fetchlet_up, help: h, value: {column: 0}}\n"),
+           "      - {name: fetchlet_up, help: h, value: {column: 0}}\n"
+           "      - {name: bar, help: h, type: info, labels: {a: 0}}\n"
+           "      - {name: bar, help: h, value: {column: 0}}\n"
+           "      - {name: x_created, help: h, value: {column: 0}}\n"),
        {"F:13:9: family 'x' clashes with 'x_total' of line 12 over the name "
         "'x'",
         "F:15:9: family 'foo_info' clashes with 'foo' of line 14 over the "
         "name 'foo_info'",
         "F:16:9: family name 'fetchlet_up' is reserved for the program's own "
-        "metrics"}},
+        "metrics",
+        "F:18:9: family 'bar' is already defined at line 17",
+        "F:19:9: family 'x_created' clashes with 'x_total' of line 12 over "
+        "the name 'x_created'"}},
       {WithCollector(
            "  - name: d\n    kind: osline\n    interval: 1s\n    metrics:\n"
            "      - {name: size, help: h, unit: bytes, value: {column: 0}}\n"
