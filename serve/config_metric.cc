@@ -1,4 +1,4 @@
-// A family's specification and its checks.
+// A family as the configuration describes it, and its checks.
 #include <algorithm>
 #include <set>
 
