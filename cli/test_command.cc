@@ -153,6 +153,9 @@ int RunTest(const TestOptions& options) {
   serve::Config config;
   if (!LoadCollectors(options, &config)) return kUsageError;
   WatchInterrupts("");
+  // Standard error carries one line per problem, which the notes already
+  // hold; the host's own lines would only repeat them.
+  qvehost::SetLogLevel(qvehost::LogLevel::kOff);
   qvehost::SetOutputLimit(config.output_limit);
   const std::string path =
       options.pluginPath.empty() ? DefaultPluginPath() : options.pluginPath;

@@ -20,7 +20,7 @@ using Lines = std::vector<std::string>;
 struct Outcome {
   int status = -1;
   std::string out;
-  Lines err;  // without the host's own log lines
+  Lines err;
 };
 
 Outcome RunFetchlet(std::vector<std::string> args) {
@@ -47,7 +47,7 @@ Outcome RunFetchlet(std::vector<std::string> args) {
   outcome.out = ReadServeFile(out);
   std::istringstream lines(ReadServeFile(err));
   for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with("[20") && !line.empty()) outcome.err.push_back(line);
+    outcome.err.push_back(line);
   }
   return outcome;
 }
