@@ -185,12 +185,58 @@ def main():
         poll("flaky gone", lambda: not query(prom, "flaky_value") and query(
             prom, 'fetchlet_collector_up{collector="flaky"} == 0'))
         assert query(prom, "up")[0]["value"][1] == "1"
+        check_signals()
         print("real clients: all checks passed")
     finally:
         for process in reversed(processes):
             process.send_signal(signal.SIGTERM)
             process.wait(timeout=10)
         shutil.rmtree(WORK, ignore_errors=True)
+
+
+def processes_with(marker):
+    count = 0
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open("/proc/%s/cmdline" % pid, "rb") as f:
+                count += marker.encode() in f.read()
+        except OSError:
+            pass
+    return count
+
+
+def check_signals():
+    """SIGHUP with a broken file keeps serving; SIGTERM ends every command
+    within 5 seconds."""
+    port = free_port()
+    marker = "3599.%d" % os.getpid()
+    config = os.path.join(WORK, "signals.yaml")
+    with open(config, "w") as f:
+        f.write("listen: 127.0.0.1:%d\njitter: 0\ncollectors:\n"
+                "  - name: hung\n    kind: os\n"
+                "    properties: {command: '/bin/sh -c \"exec >&- 2>&-; "
+                "exec /bin/sleep %s\"'}\n    interval: 1h\n    timeout: 1h\n"
+                "    regex: '(.*)'\n    metrics:\n"
+                "      - {name: hung_value, help: Never., value: {column: 1}}\n"
+                % (port, marker))
+    serve = subprocess.Popen([FETCHLET, "serve", "--config", config,
+                              "--log-level", "off"])
+    base = "http://127.0.0.1:%d" % port
+    try:
+        poll("hung command", lambda: _ok(base + "/healthz") and
+             processes_with(marker) == 1)
+        with open(config, "a") as f:
+            f.write("    colour: red\n")
+        serve.send_signal(signal.SIGHUP)
+        poll("failed reload", lambda: "fetchlet_config_last_reload_successful 0"
+             in get(base + "/metrics"))
+        serve.send_signal(signal.SIGTERM)
+        assert serve.wait(timeout=5) == 0
+        assert processes_with(marker) == 0
+    finally:
+        if serve.poll() is None:
+            serve.kill()
+            serve.wait()
 
 
 def _ok(url):
