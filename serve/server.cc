@@ -118,10 +118,12 @@ bool Server::Reload() {
   return true;
 }
 
+// The scheduler first: a scrape waiting for an on_scrape collector returns
+// at once instead of holding the listener until its deadline.
 void Server::Stop() {
+  if (scheduler_) scheduler_->Stop();
   if (http_) http_->stop();
   if (listener_.joinable()) listener_.join();
-  if (scheduler_) scheduler_->Stop();
 }
 
 }  // namespace fetchlet::serve
