@@ -16,6 +16,8 @@
 #include "qve/embedded.h"
 #include "render.h"
 #include "secret_file.h"
+#include "serve_command.h"
+#include "test_command.h"
 
 namespace fetchlet {
 namespace {
@@ -269,6 +271,10 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   if (!options.argvPasswords.empty()) std::cerr << fetchlet::kPasswordWarning;
   CLI::App* run = app.add_subcommand("run", "evaluate one metric");
   fetchlet::DefineRun(*run, options);
+  fetchlet::TestOptions test_options;
+  CLI::App* test = fetchlet::DefineTest(app, test_options);
+  fetchlet::ServeOptions serve_options;
+  CLI::App* serve = fetchlet::DefineServe(app, serve_options);
   app.footer(fetchlet::kRunFooter);
   try {
     app.parse(argc, argv);
@@ -276,5 +282,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     const int code = app.exit(e);
     return code == 0 ? 0 : fetchlet::kUsageError;
   }
+  if (test->parsed()) return fetchlet::RunTest(test_options);
+  if (serve->parsed()) return fetchlet::RunServe(serve_options);
   return fetchlet::Run(options);
 }

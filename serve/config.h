@@ -6,12 +6,17 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "serve/model.h"
+
+namespace re2 {
+class RE2;
+}
 
 namespace fetchlet::serve {
 
@@ -72,6 +77,7 @@ struct CollectorConfig {
   Duration timeout{10000};
   TableSpec table;
   std::string regex;  // os: RE2, group N is column N
+  std::shared_ptr<const re2::RE2> compiled_regex;  // regex, compiled at load
   std::vector<MetricSpec> metrics;    // os, osline, oslinetoken
   std::optional<MetricSpec> udm_value;  // udm
   Position where;
@@ -96,6 +102,11 @@ struct Config {
 std::optional<Config> LoadConfig(const std::string& path,
                                  std::vector<ConfigProblem>* problems,
                                  std::vector<ConfigProblem>* warnings);
+
+// --check-config: prints each problem ("file:line:column: message") and
+// each warning ("file:line:column: warning: message") to standard error;
+// 0 when the file loads, 1 when it does not.
+int CheckConfig(const std::string& path);
 
 }  // namespace fetchlet::serve
 

@@ -22,12 +22,16 @@ struct Evaluation {
   double duration_seconds = 0;
 };
 
+// The prefix of the plug-in's exports for kind ("qvefos", ...).
+const char* EntryPointPrefix(CollectorKind kind);
+
 // Runs collector once on the calling thread under evaluation (the host's
 // evaluation tag, never 0) with request_id as its KTDCLIENT_REQUEST_ID, so
 // that another thread can end it with qvehost::AbortRequest(request_id) and
-// qvehost::EndEvaluation(evaluation). family is the collector's kind's
-// entry points from the loaded plug-in.
-Evaluation Evaluate(const Family& family, const CollectorConfig& collector,
+// qvehost::EndEvaluation(evaluation). entry_points are the collector's
+// kind's, from the loaded plug-in.
+Evaluation Evaluate(const ::fetchlet::Family& entry_points,
+                    const CollectorConfig& collector,
                     uint64_t evaluation, const std::string& request_id);
 
 }  // namespace fetchlet::serve

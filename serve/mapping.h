@@ -24,7 +24,10 @@ struct Mapped {
 };
 
 // The samples of one evaluation. A failed evaluation maps to no sample and
-// its failure kind.
+// its failure kind. A table keeps the rows that parse: its dropped rows
+// count as "parse" failures and leave failure empty. An os output or a udm
+// value that does not parse is the whole evaluation: failure is "parse" and
+// dropped_rows stays 0, so that each failure counts once.
 Mapped MapEvaluation(const CollectorConfig& collector,
                      const Evaluation& evaluation);
 

@@ -1,0 +1,118 @@
+// Scrapes over one persistent connection with 1,000 and 10,000 cached
+// series, beside the same HTTP server answering a pre-rendered body of the
+// same size; repetitions interleaved.
+#include <httplib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "serve/exposition.h"
+#include "serve/http.h"
+
+namespace {
+
+using namespace fetchlet::serve;
+
+CollectorPtr Cached(int series) {
+  CollectorConfig config;
+  config.name = "bench";
+  config.kind = CollectorKind::kOsLineToken;
+  MetricSpec metric;
+  metric.name = "bench_value_bytes";
+  metric.unit = "bytes";
+  metric.help = "A cached value.";
+  metric.value.column = 1;
+  metric.labels = {{"device", 0}, {"mountpoint", 2}};
+  config.metrics.push_back(metric);
+  Evaluation evaluation;
+  evaluation.result = {{"rows", nlohmann::json::array()}};
+  for (int i = 0; i < series; ++i) {
+    evaluation.result["rows"].push_back(
+        {"/dev/disk" + std::to_string(i), std::to_string(i * 4096.5),
+         "/srv/mount/" + std::to_string(i)});
+  }
+  auto collector =
+      std::make_shared<Collector>(config, fetchlet::Family{});
+  collector->Publish(evaluation);
+  return collector;
+}
+
+double Percentile(std::vector<double> values, double share) {
+  std::sort(values.begin(), values.end());
+  return values[static_cast<size_t>(share * static_cast<double>(values.size() - 1))];
+}
+
+double ThreadCpuMs() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+struct Figures {
+  double p50, p99, ratio_p99, render_cpu_ms;
+};
+
+Figures Measure(int series, int rounds) {
+  Scheduler scheduler(1, 0);
+  scheduler.SetCollectors({Cached(series)});
+  std::atomic<bool> reload_ok{true};
+  auto served = MakeHttpServer();
+  AddRoutes(*served, scheduler, reload_ok);
+  const std::string body = RenderScrape(scheduler, true, Format::kText,
+                                        std::chrono::steady_clock::now());
+  auto baseline = MakeHttpServer();
+  baseline->Get("/metrics", [&](const httplib::Request&, httplib::Response& r) {
+    r.set_content(body, ContentType(Format::kText));
+  });
+  const int port_a = served->bind_to_any_port("127.0.0.1");
+  const int port_b = baseline->bind_to_any_port("127.0.0.1");
+  std::thread a([&] { served->listen_after_bind(); });
+  std::thread b([&] { baseline->listen_after_bind(); });
+  httplib::Client client_a("127.0.0.1", port_a), client_b("127.0.0.1", port_b);
+  client_a.set_keep_alive(true);
+  client_b.set_keep_alive(true);
+  std::vector<double> ours, theirs;
+  for (int i = 0; i < rounds; ++i) {
+    for (auto [client, out] : {std::pair{&client_a, &ours},
+                               std::pair{&client_b, &theirs}}) {
+      const auto start = std::chrono::steady_clock::now();
+      const auto response = client->Get("/metrics");
+      if (!response || response->status != 200) std::abort();
+      out->push_back(std::chrono::duration<double, std::milli>(
+                         std::chrono::steady_clock::now() - start).count());
+    }
+  }
+  const double cpu_start = ThreadCpuMs();
+  for (int i = 0; i < 100; ++i) {
+    RenderScrape(scheduler, true, Format::kText,
+                 std::chrono::steady_clock::now());
+  }
+  const double render = (ThreadCpuMs() - cpu_start) / 100;
+  served->stop();
+  baseline->stop();
+  a.join();
+  b.join();
+  scheduler.Stop();
+  const double p99 = Percentile(ours, 0.99);
+  std::printf("%d series: p50 %.3f ms p99 %.3f ms, baseline p99 %.3f ms, "
+              "render %.3f ms CPU\n", series, Percentile(ours, 0.5), p99,
+              Percentile(theirs, 0.99), render);
+  return {Percentile(ours, 0.5), p99, p99 / Percentile(theirs, 0.99), render};
+}
+
+}  // namespace
+
+int main() {
+  const Figures small = Measure(1000, 1000);
+  const Figures large = Measure(10000, 200);
+  std::printf(
+      "{\"bench\":\"serve_scrape\",\"p50_ms\":%.3f,\"p99_ms\":%.3f,"
+      "\"ratio_p99\":%.3f,\"render_cpu_ms\":%.3f,\"p50_ms_10k\":%.3f,"
+      "\"p99_ms_10k\":%.3f,\"ratio_p99_10k\":%.3f,\"render_cpu_ms_10k\":%.3f}\n",
+      small.p50, small.p99, small.ratio_p99, small.render_cpu_ms, large.p50,
+      large.p99, large.ratio_p99, large.render_cpu_ms);
+}

@@ -1,0 +1,28 @@
+// fetchlet test: evaluates each configured collector once and prints what a
+// scrape would show.
+#ifndef QVE_CLI_TEST_COMMAND_H_
+#define QVE_CLI_TEST_COMMAND_H_
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace fetchlet {
+
+struct TestOptions {
+  std::string config;
+  std::string collector;
+  std::string format = "text";
+  bool json = false;
+  std::string pluginPath;
+};
+
+CLI::App* DefineTest(CLI::App& app, TestOptions& options);
+
+// 0 when every evaluation succeeded and every row parsed, 1 otherwise, 2
+// for a usage or configuration error.
+int RunTest(const TestOptions& options);
+
+}  // namespace fetchlet
+
+#endif  // QVE_CLI_TEST_COMMAND_H_

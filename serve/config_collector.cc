@@ -1,0 +1,212 @@
+// One collector of the configuration.
+#include <cstdlib>
+
+#include <re2/re2.h>
+
+#include "serve/config_internal.h"
+#include "serve/password_file.h"
+
+namespace fetchlet::serve {
+namespace {
+
+const std::vector<std::string> kCollectorKeys = {
+    "name",     "kind",      "properties", "password_file",
+    "password_credential",   "interval",   "on_scrape", "timeout",
+    "table",    "regex",     "metrics",    "value"};
+
+const std::vector<std::pair<std::string, CollectorKind>> kKinds = {
+    {"os", CollectorKind::kOs},
+    {"osline", CollectorKind::kOsLine},
+    {"oslinetoken", CollectorKind::kOsLineToken},
+    {"udm", CollectorKind::kUdm}};
+
+bool IsCollectorName(const std::string& name) {
+  if (name.empty()) return false;
+  for (char c : name) {
+    if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_')) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void ReadProperties(YamlReader& reader, const YAML::Node& node,
+                    CollectorConfig* collector) {
+  for (const auto& entry : reader.Entries(node, "properties", {})) {
+    const auto value = reader.String(entry.value, entry.key);
+    if (entry.key == "password") {
+      reader.Problem(entry.key_node,
+                     "a password is never written in the configuration: use "
+                     "password_file or password_credential");
+    } else if (entry.key == "KTDCLIENT_REQUEST_ID") {
+      reader.Problem(entry.key_node,
+                     "KTDCLIENT_REQUEST_ID is set for each evaluation");
+    } else if (entry.key == "KT_METRIC_TIMEOUT") {
+      reader.Warning(entry.key_node,
+                     "KT_METRIC_TIMEOUT makes the fetchlet ignore aborts; "
+                     "use the collector's timeout");
+    }
+    if (value && entry.key != "password") {
+      collector->properties.emplace_back(entry.key, *value);
+    }
+  }
+}
+
+void ReadPassword(YamlReader& reader, const YamlReader::Entry& entry,
+                  CollectorConfig* collector) {
+  const auto text = reader.String(entry.value, entry.key);
+  if (!text) return;
+  std::string path = *text;
+  if (entry.key == "password_credential") {
+    const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
+    if (directory == nullptr || *directory == '\0') {
+      reader.Problem(entry.value, "password_credential needs "
+                                  "$CREDENTIALS_DIRECTORY");
+      return;
+    }
+    if (path.empty() || path.find('/') != std::string::npos || path == "." ||
+        path == "..") {
+      reader.Problem(entry.value, "invalid credential name '" + path + "'");
+      return;
+    }
+    path = std::string(directory) + "/" + path;
+  }
+  std::string error;
+  const bool read = entry.key == "password_file"
+                        ? ReadPasswordFile(path, &collector->password, &error)
+                        : ReadCredentialFile(path, &collector->password, &error);
+  if (!read) reader.Problem(entry.value, "password file " + path + ": " + error);
+}
+
+void ReadTable(YamlReader& reader, const YAML::Node& node, TableSpec* table) {
+  for (const auto& entry : reader.Entries(
+           node, "table", {"skip_rows", "drop_empty_fields", "nested_table"})) {
+    if (entry.key == "skip_rows") {
+      table->skip_rows = static_cast<int>(
+          reader.Integer(entry.value, entry.key, 0).value_or(0));
+    } else if (entry.key == "drop_empty_fields") {
+      table->drop_empty_fields =
+          reader.Bool(entry.value, entry.key).value_or(false);
+    } else {
+      const auto index = reader.Integer(entry.value, entry.key, 0);
+      if (index) table->nested_table = static_cast<int>(*index);
+    }
+  }
+}
+
+void ReadRegex(YamlReader& reader, const YAML::Node& node,
+               CollectorConfig* collector) {
+  const auto text = reader.String(node, "regex");
+  if (!text) return;
+  RE2::Options options;
+  options.set_log_errors(false);
+  auto compiled = std::make_shared<const RE2>(*text, options);
+  if (!compiled->ok()) {
+    reader.Problem(node, "regex does not compile: " + compiled->error());
+    return;
+  }
+  collector->regex = *text;
+  collector->compiled_regex = std::move(compiled);
+}
+
+void ReadMetrics(YamlReader& reader, const YAML::Node& node,
+                 CollectorConfig* collector) {
+  if (!node.IsSequence() || node.size() == 0) {
+    reader.Problem(node, "'metrics' must be a list of families");
+    return;
+  }
+  for (const YAML::Node& item : node) {
+    auto metric = ReadMetric(reader, item, false);
+    if (metric) collector->metrics.push_back(std::move(*metric));
+  }
+}
+
+void ReadSchedule(YamlReader& reader, const YamlReader::Entry& entry,
+                  CollectorConfig* collector) {
+  if (entry.key == "interval") {
+    collector->interval = reader.DurationValue(entry.value, entry.key);
+  } else if (entry.key == "timeout") {
+    collector->timeout =
+        reader.DurationValue(entry.value, entry.key).value_or(collector->timeout);
+  } else {
+    collector->cache_for = Duration(0);
+    for (const auto& cache : reader.Entries(entry.value, "on_scrape",
+                                            {"cache_for"})) {
+      collector->cache_for =
+          reader.DurationValue(cache.value, cache.key).value_or(Duration(0));
+    }
+  }
+}
+
+void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
+               CollectorConfig* collector) {
+  const std::string& key = entry.key;
+  if (key == "name") {
+    collector->name = reader.String(entry.value, key).value_or("");
+    if (!IsCollectorName(collector->name)) {
+      reader.Problem(entry.value, "collector name '" + collector->name +
+                                      "' is not [a-z0-9_]+");
+    }
+  } else if (key == "properties") {
+    ReadProperties(reader, entry.value, collector);
+  } else if (key == "password_file" || key == "password_credential") {
+    ReadPassword(reader, entry, collector);
+  } else if (key == "interval" || key == "timeout" || key == "on_scrape") {
+    ReadSchedule(reader, entry, collector);
+  } else if (key == "table") {
+    ReadTable(reader, entry.value, &collector->table);
+  } else if (key == "regex") {
+    ReadRegex(reader, entry.value, collector);
+  } else if (key == "metrics") {
+    ReadMetrics(reader, entry.value, collector);
+  } else if (key == "value") {
+    collector->udm_value = ReadMetric(reader, entry.value, true);
+  }
+}
+
+std::optional<CollectorKind> ReadKind(YamlReader& reader,
+                                      const YAML::Node& node) {
+  if (!node.IsDefined()) return std::nullopt;
+  const auto text = reader.String(node, "kind");
+  if (!text) return std::nullopt;
+  for (const auto& [name, kind] : kKinds) {
+    if (name == *text) return kind;
+  }
+  reader.Problem(node, "unknown kind '" + *text +
+                           "' (os, osline, oslinetoken, udm)");
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
+                                             const YAML::Node& node,
+                                             Duration default_timeout) {
+  CollectorConfig collector;
+  collector.where = reader.Where(node);
+  collector.timeout = default_timeout;
+  const auto entries = reader.Entries(node, "collector", kCollectorKeys);
+  if (!node.IsMap()) return std::nullopt;
+  const auto kind = ReadKind(reader, YamlReader::Find(entries, "kind"));
+  if (kind) collector.kind = *kind;
+  for (const auto& entry : entries) {
+    if (entry.key != "kind") ReadEntry(reader, entry, &collector);
+  }
+  for (const char* required : {"name", "kind"}) {
+    if (!YamlReader::Find(entries, required).IsDefined()) {
+      reader.Problem(node, std::string("missing key '") + required + "'");
+    }
+  }
+  const bool interval = YamlReader::Find(entries, "interval").IsDefined();
+  if (interval == YamlReader::Find(entries, "on_scrape").IsDefined()) {
+    reader.Problem(node, "a collector needs exactly one of 'interval' and "
+                         "'on_scrape'");
+  }
+  if (!kind) return collector;
+  CheckKindKeys(reader, node, entries, *kind);
+  CheckColumns(reader, collector);
+  CheckUdmValue(reader, node, collector);
+  return collector;
+}
+
+}  // namespace fetchlet::serve

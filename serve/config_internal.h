@@ -1,0 +1,46 @@
+// The parts of configuration loading, one file each.
+#ifndef FETCHLET_SERVE_CONFIG_INTERNAL_H_
+#define FETCHLET_SERVE_CONFIG_INTERNAL_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "serve/config.h"
+#include "serve/yaml_reader.h"
+
+namespace fetchlet::serve {
+
+// One entry of collectors, with the parts that read well; every problem is
+// reported. nullopt when the entry is not a mapping.
+std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
+                                             const YAML::Node& node,
+                                             Duration default_timeout);
+
+// Keys that only some kinds take, and those each kind requires.
+void CheckKindKeys(YamlReader& reader, const YAML::Node& node,
+                   const std::vector<YamlReader::Entry>& entries,
+                   CollectorKind kind);
+// Columns an os collector's families read exist among its regex's groups.
+void CheckColumns(YamlReader& reader, const CollectorConfig& collector);
+// A udm value's family fits the value type the fetchlet reports.
+void CheckUdmValue(YamlReader& reader, const YAML::Node& node,
+                   const CollectorConfig& collector);
+
+// A family of the metrics list (table and os collectors), or a udm value.
+std::optional<MetricSpec> ReadMetric(YamlReader& reader,
+                                     const YAML::Node& node, bool udm);
+
+// Names, units and suffixes of one family, alone.
+void CheckFamily(YamlReader& reader, const YAML::Node& node,
+                 const MetricSpec& metric);
+
+// No two families of the whole file yield the same sample or family name.
+void CheckFamilyClashes(YamlReader& reader,
+                        const std::vector<CollectorConfig>& collectors);
+
+bool IsValidName(const std::string& name);
+
+}  // namespace fetchlet::serve
+
+#endif  // FETCHLET_SERVE_CONFIG_INTERNAL_H_

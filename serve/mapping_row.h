@@ -1,0 +1,32 @@
+// One row of cells through a collector's families.
+#ifndef FETCHLET_SERVE_MAPPING_ROW_H_
+#define FETCHLET_SERVE_MAPPING_ROW_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "serve/config.h"
+#include "serve/model.h"
+
+namespace fetchlet::serve {
+
+// A row's cells; nullopt where the result has no text (a null cell, an
+// unmatched group, a nested table).
+using Cells = std::vector<std::optional<std::string>>;
+
+// The number a cell stands for under value, or "" in *error saying why not.
+std::optional<double> CellValue(const ValueSpec& value,
+                                const std::string& cell, std::string* error);
+
+// Adds the row's samples to families (one per metric, in order), or adds
+// nothing and returns why the row does not parse.
+std::string MapRow(const std::vector<MetricSpec>& metrics, const Cells& cells,
+                   Families* families);
+
+// Empty families of metrics, ready for rows.
+Families EmptyFamilies(const std::vector<MetricSpec>& metrics);
+
+}  // namespace fetchlet::serve
+
+#endif  // FETCHLET_SERVE_MAPPING_ROW_H_

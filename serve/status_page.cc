@@ -1,0 +1,65 @@
+#include <cstdio>
+
+#include "serve/http.h"
+
+namespace fetchlet::serve {
+namespace {
+
+std::string Escaped(std::string_view text) {
+  std::string out;
+  for (const char c : ValidUtf8(text)) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      case '\'': out += "&#39;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+std::string Seconds(Duration duration) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%gs",
+                static_cast<double>(duration.count()) / 1000);
+  return text;
+}
+
+std::string Schedule(const CollectorConfig& config) {
+  if (config.interval) return "every " + Seconds(*config.interval);
+  return "on scrape, cached " + Seconds(config.cache_for.value_or(Duration(0)));
+}
+
+std::string Row(const Collector& collector, SteadyTime now) {
+  const auto snapshot = collector.snapshot();
+  std::string status = "pending";
+  std::string age = "-";
+  if (snapshot->generation > 0) {
+    status = snapshot->up ? "up" : "down";
+    age = Seconds(std::chrono::duration_cast<Duration>(now - snapshot->finished));
+  }
+  return "<tr><td>" + Escaped(collector.config().name) + "</td><td>" +
+         Escaped(Schedule(collector.config())) + "</td><td>" + status +
+         "</td><td>" + age + "</td><td>" + Escaped(snapshot->last_error) +
+         "</td></tr>\n";
+}
+
+}  // namespace
+
+std::string StatusPage(const Scheduler& scheduler) {
+  std::string page =
+      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\">"
+      "<title>fetchlet serve</title></head><body>\n<h1>fetchlet serve</h1>\n"
+      "<p><a href=\"/metrics\">/metrics</a></p>\n<table>\n"
+      "<tr><th>collector</th><th>schedule</th><th>status</th>"
+      "<th>age</th><th>last error</th></tr>\n";
+  const SteadyTime now = std::chrono::steady_clock::now();
+  for (const CollectorPtr& collector : scheduler.collectors()) {
+    page += Row(*collector, now);
+  }
+  return page + "</table>\n</body></html>\n";
+}
+
+}  // namespace fetchlet::serve

@@ -1,0 +1,251 @@
+#!/usr/bin/python3
+"""Real scrapers against `fetchlet serve`: Debian's prometheus scrapes it,
+promtool lints the 0.0.4 text, and python3-prometheus-client's OpenMetrics
+parser reads the OpenMetrics text. Usage: real_clients.py FETCHLET_BINARY"""
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+from prometheus_client.openmetrics.parser import text_string_to_metric_families
+
+FETCHLET = sys.argv[1]
+WORK = tempfile.mkdtemp(prefix="fetchlet-real-clients-")
+FLAG = os.path.join(WORK, "flaky")
+HOSTILE = os.path.join(WORK, "hostile.sh")
+OM = "application/openmetrics-text; version=1.0.0"
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def poll(what, check, limit=30.0):
+    end = time.monotonic() + limit
+    while True:
+        result = check()
+        if result or time.monotonic() > end:
+            if not result:
+                raise AssertionError("timed out waiting for " + what)
+            return result
+        time.sleep(0.2)
+
+
+def get(url, accept=None):
+    request = urllib.request.Request(url)
+    if accept:
+        request.add_header("Accept", accept)
+    with urllib.request.urlopen(request, timeout=10) as response:
+        return response.read().decode("utf-8")
+
+
+def write_hostile_script():
+    big = "v" * (1 << 20)
+    with open(HOSTILE, "wb") as f:
+        f.write(b"#!/bin/sh\nprintf 'a\\200\\377b 1\\n'\nprintf 'c\\rd 2\\n'\n")
+        f.write(b"printf '%s\\n' 'q\"u\\\\o 3' 'dup 4' 'dup 5'\n")
+        f.write(b"printf '%s 6\\n' '" + big.encode() + b"'\n")
+    os.chmod(HOSTILE, 0o755)
+
+
+CONFIG = """\
+listen: 127.0.0.1:{port}
+max_concurrent: 2
+jitter: 0
+collectors:
+  - name: filesystem
+    kind: oslinetoken
+    properties:
+      command: /bin/df -P -x tmpfs -x devtmpfs
+      delimiter: " "
+      ENVLC_ALL: C
+    interval: 1s
+    table: {{skip_rows: 1, drop_empty_fields: true}}
+    metrics:
+      - name: fs_size_bytes
+        help: Size of the file system, from df -P.
+        unit: bytes
+        value: {{column: 1, scale: 1024}}
+        labels: {{device: 0, mountpoint: 5}}
+  - name: load
+    kind: os
+    properties: {{command: /usr/bin/uptime, ENVLC_ALL: C}}
+    on_scrape: {{cache_for: 1s}}
+    regex: 'load average: ([0-9.]+), ([0-9.]+), ([0-9.]+)'
+    metrics:
+      - {{name: host_load1, help: 1-minute load average., value: {{column: 1}}}}
+  - name: flaky
+    kind: os
+    properties: {{command: /bin/cat {flag}}}
+    interval: 1s
+    regex: '^([0-9]+)'
+    metrics:
+      - {{name: flaky_value, help: A value that can stop parsing., value: {{column: 1}}}}
+  - name: generated
+    kind: oslinetoken
+    properties: {{command: /usr/bin/seq 1 1000, delimiter: " "}}
+    interval: 1s
+    metrics:
+      - name: generated_value
+        help: One series per line.
+        value: {{column: 0}}
+        labels: {{line: 0}}
+  - name: hostile
+    kind: oslinetoken
+    properties: {{command: {hostile}, delimiter: " "}}
+    interval: 1s
+    metrics:
+      - name: hostile_value
+        help: Whatever the script printed.
+        value: {{column: 1}}
+        labels: {{text: 0}}
+"""
+
+
+def check_parsers(base):
+    text = get(base + "/metrics")
+    lint = subprocess.run(["promtool", "check", "metrics"], input=text.encode(),
+                          capture_output=True)
+    assert lint.returncode == 0 and not lint.stdout and not lint.stderr, (
+        lint.stdout + lint.stderr).decode(errors="replace")[:2000]
+    families = list(text_string_to_metric_families(get(base + "/metrics", OM)))
+    names = {f.name: f for f in families}
+    assert len(names["generated_value"].samples) == 1000
+    assert names["fs_size_bytes"].unit == "bytes"
+    assert names["fetchlet_collector_failures"].type == "counter"
+    assert names["fetchlet_build"].type == "info"
+
+
+def oracle(config):
+    out = subprocess.run([FETCHLET, "test", "--config", config, "--json",
+                          "--collector", "generated"],
+                         capture_output=True, check=True).stdout
+    samples = json.loads(out.splitlines()[0])["samples"]
+    return {s["labels"]["line"]: s["value"] for s in samples}
+
+
+def query(prom, expr):
+    try:
+        data = json.loads(get(prom + "/api/v1/query?query=" +
+                              urllib.parse.quote(expr)))
+    except OSError:  # not listening yet
+        return []
+    return data["data"]["result"]
+
+
+def main():
+    write_hostile_script()
+    with open(FLAG, "w") as f:
+        f.write("42\n")
+    serve_port, prom_port = free_port(), free_port()
+    config = os.path.join(WORK, "serve.yaml")
+    with open(config, "w") as f:
+        f.write(CONFIG.format(port=serve_port, flag=FLAG, hostile=HOSTILE))
+    with open(os.path.join(WORK, "prometheus.yml"), "w") as f:
+        f.write("global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
+                "scrape_configs:\n  - job_name: fetchlet\n"
+                "    static_configs: [{targets: ['127.0.0.1:%d']}]\n" % serve_port)
+    expected = oracle(config)
+    processes = []
+    try:
+        serve = subprocess.Popen([FETCHLET, "serve", "--config", config,
+                                  "--log-level", "error"])
+        processes.append(serve)
+        base = "http://127.0.0.1:%d" % serve_port
+        poll("serve", lambda: _ok(base + "/healthz"))
+        poll("first evaluations", lambda: "generated_value{line=\"1000\"}"
+             in get(base + "/metrics"))
+        check_parsers(base)
+        prom = "http://127.0.0.1:%d" % prom_port
+        processes.append(subprocess.Popen(
+            ["prometheus", "--config.file", os.path.join(WORK, "prometheus.yml"),
+             "--storage.tsdb.path", os.path.join(WORK, "data"),
+             "--web.listen-address", "127.0.0.1:%d" % prom_port,
+             "--log.level", "warn"]))
+        poll("target up", lambda: query(prom, "up") and
+             query(prom, "up")[0]["value"][1] == "1")
+        got = poll("generated values", lambda: len(
+            query(prom, "generated_value")) == 1000 and query(prom, "generated_value"))
+        assert {r["metric"]["line"]: float(r["value"][1]) for r in got} == expected
+        meta = json.loads(get(prom + "/api/v1/metadata"))["data"]
+        assert meta["fs_size_bytes"][0]["type"] == "gauge", meta["fs_size_bytes"]
+        assert meta["fs_size_bytes"][0]["unit"] == "bytes", meta["fs_size_bytes"]
+        assert meta["fetchlet_collector_failures"][0]["type"] == "counter"
+        poll("hostile series", lambda: query(prom, "hostile_value"))
+        with open(FLAG, "w") as f:
+            f.write("not a number\n")
+        poll("flaky gone", lambda: not query(prom, "flaky_value") and query(
+            prom, 'fetchlet_collector_up{collector="flaky"} == 0'))
+        assert query(prom, "up")[0]["value"][1] == "1"
+        check_signals()
+        print("real clients: all checks passed")
+    finally:
+        for process in reversed(processes):
+            process.send_signal(signal.SIGTERM)
+            process.wait(timeout=10)
+        shutil.rmtree(WORK, ignore_errors=True)
+
+
+def processes_with(marker):
+    count = 0
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open("/proc/%s/cmdline" % pid, "rb") as f:
+                count += marker.encode() in f.read()
+        except OSError:
+            pass
+    return count
+
+
+def check_signals():
+    """SIGHUP with a broken file keeps serving; SIGTERM ends every command
+    within 5 seconds."""
+    port = free_port()
+    marker = "3599.%d" % os.getpid()
+    config = os.path.join(WORK, "signals.yaml")
+    with open(config, "w") as f:
+        f.write("listen: 127.0.0.1:%d\njitter: 0\ncollectors:\n"
+                "  - name: hung\n    kind: os\n"
+                "    properties: {command: '/bin/sh -c \"exec >&- 2>&-; "
+                "exec /bin/sleep %s\"'}\n    interval: 1h\n    timeout: 1h\n"
+                "    regex: '(.*)'\n    metrics:\n"
+                "      - {name: hung_value, help: Never., value: {column: 1}}\n"
+                % (port, marker))
+    serve = subprocess.Popen([FETCHLET, "serve", "--config", config,
+                              "--log-level", "off"])
+    base = "http://127.0.0.1:%d" % port
+    try:
+        poll("hung command", lambda: _ok(base + "/healthz") and
+             processes_with(marker) == 1)
+        with open(config, "a") as f:
+            f.write("    colour: red\n")
+        serve.send_signal(signal.SIGHUP)
+        poll("failed reload", lambda: "fetchlet_config_last_reload_successful 0"
+             in get(base + "/metrics"))
+        serve.send_signal(signal.SIGTERM)
+        assert serve.wait(timeout=5) == 0
+        assert processes_with(marker) == 0
+    finally:
+        if serve.poll() is None:
+            serve.kill()
+            serve.wait()
+
+
+def _ok(url):
+    try:
+        return get(url) == "ok\n"
+    except OSError:
+        return False
+
+
+if __name__ == "__main__":
+    import urllib.parse  # noqa: E402
+    main()

@@ -1,0 +1,201 @@
+// fetchlet test, run as a user runs it, through the build tree's plug-in.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
+#include "serve_test_support.h"
+
+extern char** environ;
+
+namespace qvetest {
+namespace {
+
+using Json = nlohmann::json;
+using Lines = std::vector<std::string>;
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  Lines err;
+};
+
+Outcome RunFetchlet(std::vector<std::string> args) {
+  args.insert(args.begin(), QVE_FETCHLET_BIN);
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  const std::string out = ServeTempPath("out"), err = ServeTempPath("err");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  pid_t pid = -1;
+  Outcome outcome;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) ==
+      0) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  outcome.out = ReadServeFile(out);
+  std::istringstream lines(ReadServeFile(err));
+  for (std::string line; std::getline(lines, line);) {
+    outcome.err.push_back(line);
+  }
+  return outcome;
+}
+
+// Whether a live "sleep SECONDS" runs anywhere (a zombie has no command
+// line).
+bool SleepRunning(const std::string& seconds) {
+  const std::string wanted = "sleep" + std::string(1, '\0') + seconds;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string cmdline =
+        ReadServeFile(entry.path().string() + "/cmdline");
+    if (cmdline.starts_with(wanted)) return true;
+  }
+  return false;
+}
+
+constexpr const char* kConfig = R"(collectors:
+  - name: filesystem
+    kind: oslinetoken
+    properties:
+      command: "printf 'Filesystem  1024-blocks Used\n/dev/a    100   25%%\n/dev/b  x  1%%\n'"
+      delimiter: " "
+    interval: 1m
+    table: {skip_rows: 1, drop_empty_fields: true}
+    metrics:
+      - {name: fs_size_bytes, help: Size., unit: bytes,
+         value: {column: 1, scale: 1024}, labels: {device: 0}}
+  - name: load
+    kind: os
+    properties: {command: "echo load average: 0.25, 1.5"}
+    on_scrape: {cache_for: 5s}
+    regex: 'load average: ([0-9.]+), ([0-9.]+)'
+    metrics:
+      - {name: host_load1, help: 1-minute load., value: {column: 1}}
+  - name: missing
+    kind: osline
+    interval: 1m
+    properties: {command: /nonexistent/probe}
+    metrics: [{name: probe, help: h, value: {column: 0}}]
+  - name: hung
+    kind: osline
+    interval: 1m
+    timeout: 300ms
+    properties: {command: "sh -c 'exec >&- 2>&-; sleep 61.5'"}
+    metrics: [{name: hung_value, help: h, value: {column: 0}}]
+  - name: nested
+    kind: oslinetoken
+    interval: 1m
+    properties: {command: "printf 'a 1\n--\nb 2\n'", delimiter: " ",
+                 tableSeparator: "--"}
+    table: {nested_table: 1}
+    metrics: [{name: nested_value, help: h, value: {column: 1},
+               labels: {key: 0}}]
+)";
+
+TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
+  const std::string config = WriteServeFile("e2e.yaml", kConfig);
+  const Outcome outcome = RunFetchlet({"test", "--config", config, "--json"});
+  EXPECT_EQ(outcome.status, 1);
+  std::istringstream lines(outcome.out);
+  std::vector<Json> objects;
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(Json::parse(line));
+  }
+  ASSERT_EQ(objects.size(), 5u) << outcome.out;
+  const Json expected_samples[] = {
+      Json::parse(R"([{"family":"fs_size_bytes","type":"gauge",
+        "name":"fs_size_bytes","labels":{"device":"/dev/a"},"value":102400}])"),
+      Json::parse(R"([{"family":"host_load1","type":"gauge",
+        "name":"host_load1","labels":{},"value":0.25}])"),
+      Json::array(), Json::array(),
+      Json::parse(R"([{"family":"nested_value","type":"gauge",
+        "name":"nested_value","labels":{"key":"b"},"value":2}])")};
+  const std::string failures[] = {"", "", "run", "timeout", ""};
+  for (size_t i = 0; i < objects.size(); ++i) {
+    EXPECT_EQ(objects[i]["samples"], expected_samples[i]) << objects[i];
+    EXPECT_EQ(objects[i]["failure"], failures[i]) << objects[i];
+  }
+  EXPECT_EQ(objects[0]["dropped_rows"], 1);
+  EXPECT_EQ(objects[0]["rows"].size(), 3u);
+  EXPECT_EQ(objects[2]["exception"],
+            Json::parse(R"({"kind":12,
+              "message":"/nonexistent/probe: not found"})"));
+  EXPECT_FALSE(SleepRunning("61.5"));
+  EXPECT_EQ(outcome.err,
+            (Lines{"filesystem: row 3 dropped: 'x' is not a number",
+                   "missing: failed (kind 12): /nonexistent/probe: not found",
+                   "hung: ended at its time limit"}));
+}
+
+TEST(ServeTestCommandTest, ExitStatuses) {
+  const std::string good = WriteServeFile(
+      "good.yaml",
+      "collectors:\n  - {name: one, kind: osline, interval: 1s, "
+      "properties: {command: echo 1}, metrics: [{name: one, help: h, "
+      "value: {column: 0}}]}\n");
+  const std::string warned = WriteServeFile(
+      "warned.yaml",
+      "collectors: [{name: one, kind: osline, interval: 1s, properties: "
+      "{command: x, KT_METRIC_TIMEOUT: '3'}, metrics: [{name: one, help: h, "
+      "value: {column: 0}}]}]\n");
+  const std::string broken = WriteServeFile(
+      "broken.yaml", "collectors:\n  - {name: one, kind: osline}\n");
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    Lines err;
+    std::string out;  // checked when not empty
+  } cases[] = {
+      {{"test", "--config", good}, 0, {},
+       "# HELP one h\n# TYPE one gauge\none 1\n"},
+      {{"test", "--config", good, "--format", "openmetrics"}, 0, {},
+       "# HELP one h\n# TYPE one gauge\none 1\n# EOF\n"},
+      {{"test", "--config", good, "--collector", "two"},
+       2,
+       {"fetchlet: no collector named 'two' in " + good},
+       ""},
+      {{"test", "--config", broken},
+       2,
+       {broken + ":2:5: a collector needs exactly one of 'interval' and "
+                 "'on_scrape'",
+        broken + ":2:5: an osline collector needs 'metrics'"},
+       ""},
+      {{"test", "--config", good, "--format", "json"}, 2, {}, ""},
+      {{"serve", "--check-config", good}, 0, {}, ""},
+      {{"serve", "--check-config", warned},
+       0,
+       {warned + ":1:79: warning: KT_METRIC_TIMEOUT makes the fetchlet "
+                 "ignore aborts; use the collector's timeout"},
+       ""},
+      {{"serve", "--check-config", broken},
+       1,
+       {broken + ":2:5: a collector needs exactly one of 'interval' and "
+                 "'on_scrape'",
+        broken + ":2:5: an osline collector needs 'metrics'"},
+       ""},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = RunFetchlet(c.args);
+    EXPECT_EQ(outcome.status, c.status) << c.args.back();
+    if (c.status != 2 || !c.err.empty()) {  // CLI11 words its own usage
+      EXPECT_EQ(outcome.err, c.err) << c.args.back();
+    }
+    if (!c.out.empty()) {
+      EXPECT_EQ(outcome.out, c.out) << c.args.back();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qvetest
