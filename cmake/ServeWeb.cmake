@@ -31,5 +31,6 @@ if(QVE_BUILD_TESTS)
   target_sources(serve_tests PRIVATE ${serve_web_tests})
   target_link_libraries(serve_tests PRIVATE serve_web)
   set_property(SOURCE ${serve_web_tests} APPEND PROPERTY COMPILE_DEFINITIONS
-    QVE_MAKE_CERTS="${PROJECT_SOURCE_DIR}/tests/serve/make_certs.sh")
+    QVE_MAKE_CERTS="${PROJECT_SOURCE_DIR}/tests/serve/make_certs.sh"
+    QVE_SAMPLE_WEB_CONFIG="${PROJECT_SOURCE_DIR}/packaging/web.yml")
 endif()

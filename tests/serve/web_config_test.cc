@@ -4,10 +4,12 @@
 #include <httplib.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 namespace fetchlet::serve {
@@ -166,6 +168,26 @@ TEST_F(WebConfigTest, MakeHttpServerNeedsAMatchingPairOfFiles) {
   }
   std::string error;
   EXPECT_NE(MakeHttpServer(WebConfig{}, &error), nullptr);
+}
+
+// The sample that the package ships and the README shows, beside the files
+// it names: this loader, the TLS set-up and promtool all accept it, and its
+// user's password is the one the comment gives.
+TEST_F(WebConfigTest, TheShippedSampleIsAcceptedByUsAndByPromtool) {
+  std::ifstream sample(QVE_SAMPLE_WEB_CONFIG);
+  ASSERT_TRUE(sample);
+  const std::string text((std::istreambuf_iterator<char>(sample)), {});
+  WebConfig web;
+  ASSERT_EQ(Load(text, &web), "");
+  std::string error;
+  EXPECT_NE(MakeHttpServer(web, &error), nullptr) << error;
+  const BasicAuth auth(web.basic_auth_users);
+  // "prometheus:change me"
+  EXPECT_TRUE(auth.Allows("Basic cHJvbWV0aGV1czpjaGFuZ2UgbWU="));
+  if (access("/usr/bin/promtool", X_OK) != 0) GTEST_SKIP() << "no promtool";
+  const std::string check = "/usr/bin/promtool check web-config " + dir_ +
+                            "/web.yml >/dev/null 2>&1";
+  EXPECT_EQ(std::system(check.c_str()), 0);
 }
 
 std::string Basic(const std::string& pair) {
