@@ -14,8 +14,9 @@ dpkg -i qvefetchlets_0.1.0-1_*.deb >/dev/null
 echo "allow_root = no  # edited" >>/etc/fetchlet/launch.conf
 echo "# edited" >>/etc/pam.d/fetchlet-launch
 
-dpkg -i libqvehost0_*.deb libqvehost-dev_*.deb fetchlet_*.deb \
-  qvefetchlets_0.2.0-*_all.deb </dev/null >/dev/null
+# As a user upgrades: apt sees Breaks and Replaces and orders the unpacking.
+apt-get install -y -q ./libqvehost0_*.deb ./libqvehost-dev_*.deb \
+  ./fetchlet_*.deb ./qvefetchlets_0.2.0-*_all.deb </dev/null >/dev/null
 grep -q "# edited" /etc/fetchlet/launch.conf || fail "launch.conf lost its edit"
 grep -q "# edited" /etc/pam.d/fetchlet-launch || fail "PAM file lost its edit"
 [ "$(dpkg -S /etc/fetchlet/launch.conf)" = "fetchlet: /etc/fetchlet/launch.conf" ] ||
@@ -36,7 +37,12 @@ verify=$(systemd-analyze verify --man=no /lib/systemd/system/fetchlet.service 2>
 out=$(runuser -u fetchlet -- fetchlet run os command='echo ok' --json)
 grep -q '"ok' <<<"$out" || fail "fetchlet run: $out"
 
-dpkg --purge qvefetchlets fetchlet libqvehost-dev libqvehost0 >/dev/null
+# The transitional package still lists the configuration files it gave
+# away, as obsolete: its purge must leave them to fetchlet.
+dpkg --purge qvefetchlets >/dev/null
+grep -q "# edited" /etc/fetchlet/launch.conf ||
+  fail "purging qvefetchlets removed launch.conf"
+dpkg --purge fetchlet libqvehost-dev libqvehost0 >/dev/null
 for f in /etc/fetchlet/launch.conf /etc/pam.d/fetchlet-launch \
          /usr/bin/fetchlet /usr/lib/*/libqvehost.so.0; do
   [ ! -e "$f" ] || fail "$f is still there after the purge"
