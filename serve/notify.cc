@@ -10,9 +10,7 @@
 namespace fetchlet::serve {
 namespace {
 
-bool Send(const std::string& state) {
-  return sd_notify(0, state.c_str()) > 0;
-}
+bool Send(const std::string& state) { return sd_notify(0, state.c_str()) > 0; }
 
 }  // namespace
 

@@ -21,9 +21,15 @@ namespace {
 // Keys of the exporters' format that this server does not implement: named
 // as such rather than as unknown, since they are not typos.
 constexpr std::array<std::string_view, 9> kUnsupportedKeys = {
-    "http_server_config", "rate_limit",         "cert",
-    "key",                "client_ca",          "cipher_suites",
-    "curve_preferences",  "max_version",        "client_allowed_sans"};
+    "http_server_config",
+    "rate_limit",
+    "cert",
+    "key",
+    "client_ca",
+    "cipher_suites",
+    "curve_preferences",
+    "max_version",
+    "client_allowed_sans"};
 
 constexpr std::array<std::pair<std::string_view, ClientAuth>, 5>
     kClientAuthNames = {{
@@ -55,8 +61,8 @@ class Loader {
   }
 
   void Problem(const YAML::Mark& mark, std::string message) {
-    problems_->push_back({{path_, mark.line + 1, mark.column + 1},
-                          std::move(message)});
+    problems_->push_back(
+        {{path_, mark.line + 1, mark.column + 1}, std::move(message)});
   }
 
  private:
@@ -110,8 +116,8 @@ class Loader {
     if (!name) return "";
     std::filesystem::path path = dir_ / *name;  // an absolute name wins
     if (access(path.c_str(), R_OK) != 0) {
-      Problem(node.Mark(), "cannot read \"" + path.string() + "\": " +
-                               std::strerror(errno));
+      Problem(node.Mark(),
+              "cannot read \"" + path.string() + "\": " + std::strerror(errno));
     }
     return path.string();
   }
@@ -143,8 +149,9 @@ class Loader {
         tls.client_auth == ClientAuth::kVerifyClientCertIfGiven ||
         tls.client_auth == ClientAuth::kRequireAndVerifyClientCert;
     if (verifies && !node["client_ca_file"]) {
-      Problem(node.Mark(), "client_auth_type verifies client certificates "
-                           "but client_ca_file is missing");
+      Problem(node.Mark(),
+              "client_auth_type verifies client certificates "
+              "but client_ca_file is missing");
     }
     if (!verifies && node["client_ca_file"]) {
       Problem(node["client_ca_file"].Mark(),
@@ -173,12 +180,13 @@ class Loader {
     } else if (*name == "TLS13") {
       *version = TlsVersion::kTls13;
     } else {
-      Problem(node.Mark(), "invalid min_version \"" + *name +
-                               "\" (TLS12 or TLS13)");
+      Problem(node.Mark(),
+              "invalid min_version \"" + *name + "\" (TLS12 or TLS13)");
     }
   }
 
-  void Users(const YAML::Node& node, std::map<std::string, std::string>* users) {
+  void Users(const YAML::Node& node,
+             std::map<std::string, std::string>* users) {
     if (node.IsNull()) return;
     for (const auto& [name, name_mark, hash] : Entries(node)) {
       if (name.empty() || name.find(':') != std::string::npos) {
@@ -260,7 +268,8 @@ std::string SetUpContext(const TlsServerConfig& tls, SSL_CTX* ctx) {
                         tls.cert_file);
   }
   if (!tls.client_ca_file.empty()) {
-    STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(tls.client_ca_file.c_str());
+    STACK_OF(X509_NAME)* names =
+        SSL_load_client_CA_file(tls.client_ca_file.c_str());
     if (names == nullptr ||
         SSL_CTX_load_verify_locations(ctx, tls.client_ca_file.c_str(),
                                       nullptr) != 1) {
@@ -269,8 +278,9 @@ std::string SetUpContext(const TlsServerConfig& tls, SSL_CTX* ctx) {
     }
     SSL_CTX_set_client_CA_list(ctx, names);  // ctx owns names now
   }
-  const bool judges = tls.client_auth == ClientAuth::kVerifyClientCertIfGiven ||
-                      tls.client_auth == ClientAuth::kRequireAndVerifyClientCert;
+  const bool judges =
+      tls.client_auth == ClientAuth::kVerifyClientCertIfGiven ||
+      tls.client_auth == ClientAuth::kRequireAndVerifyClientCert;
   SSL_CTX_set_verify(ctx, VerifyMode(tls.client_auth),
                      judges ? nullptr : AcceptAnyCertificate);
   return "";
@@ -321,8 +331,9 @@ std::optional<WebConfig> LoadWebConfig(const std::string& path,
   try {
     loader.Root(YAML::LoadFile(path), &web);
   } catch (const YAML::BadFile&) {
-    problems->push_back({{path, 0, 0}, std::string("cannot read the file: ") +
-                                           std::strerror(errno)});
+    problems->push_back(
+        {{path, 0, 0},
+         std::string("cannot read the file: ") + std::strerror(errno)});
   } catch (const YAML::Exception& e) {
     loader.Problem(e.mark, e.msg);
   }

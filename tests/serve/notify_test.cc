@@ -1,6 +1,7 @@
 #include "serve/notify.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -13,8 +14,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-
-#include <gtest/gtest.h>
 
 namespace fetchlet::serve {
 namespace {

@@ -125,11 +125,14 @@ TEST_F(WebConfigTest, LoadResolvesPathsAgainstTheFilesDirectory) {
   WebConfig web;
   ASSERT_EQ(Load("tls_server_config:\n"
                  "  cert_file: server.crt\n"
-                 "  key_file: " + dir_ + "/server.key\n"
-                 "  client_ca_file: ./ca.crt\n"
-                 "  client_auth_type: VerifyClientCertIfGiven\n"
-                 "  min_version: TLS13\n"
-                 "basic_auth_users:\n  alice: " + std::string(kAlice) + "\n",
+                 "  key_file: " +
+                     dir_ +
+                     "/server.key\n"
+                     "  client_ca_file: ./ca.crt\n"
+                     "  client_auth_type: VerifyClientCertIfGiven\n"
+                     "  min_version: TLS13\n"
+                     "basic_auth_users:\n  alice: " +
+                     std::string(kAlice) + "\n",
                  &web),
             "");
   ASSERT_TRUE(web.tls);
@@ -185,17 +188,17 @@ TEST_F(WebConfigTest, TheShippedSampleIsAcceptedByUsAndByPromtool) {
   // "prometheus:change me"
   EXPECT_TRUE(auth.Allows("Basic cHJvbWV0aGV1czpjaGFuZ2UgbWU="));
   if (access("/usr/bin/promtool", X_OK) != 0) GTEST_SKIP() << "no promtool";
-  const std::string check = "/usr/bin/promtool check web-config " + dir_ +
-                            "/web.yml >/dev/null 2>&1";
+  const std::string check =
+      "/usr/bin/promtool check web-config " + dir_ + "/web.yml >/dev/null 2>&1";
   EXPECT_EQ(std::system(check.c_str()), 0);
 }
 
 std::string Basic(const std::string& pair) {
   std::string encoded(4 * ((pair.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(
-      reinterpret_cast<unsigned char*>(encoded.data()),
-      reinterpret_cast<const unsigned char*>(pair.data()),
-      static_cast<int>(pair.size()));
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
+                      reinterpret_cast<const unsigned char*>(pair.data()),
+                      static_cast<int>(pair.size()));
   encoded.resize(static_cast<size_t>(n));
   return "Basic " + encoded;
 }
