@@ -216,6 +216,7 @@ TEST(BasicAuthTest, AllowsOnlyAUserWithItsPassword) {
       {Basic("alice:s3cret pas"), false},
       {Basic("alice:s3cret pass "), false},
       {Basic("alice:"), false},
+      {Basic(std::string("alice:s3cret pass\0tail", 22)), false},
       {Basic("bob:s3cret pass"), false},
       {Basic("mallory:s3cret pass"), false},
       {Basic("alice"), false},
