@@ -20,5 +20,6 @@ target_link_libraries(qvefos PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,qvefos_core>"
 target_link_options(qvefos PRIVATE "-Wl,--version-script=${QVEFOS_MAP}")
 set_target_properties(qvefos PROPERTIES LINK_DEPENDS ${QVEFOS_MAP})
 
-# Installed where the fetchlet program looks for it (QVE_INSTALLED_PLUGIN).
-install(TARGETS qvefos LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# Installed where the fetchlet program looks for it (QVE_INSTALLED_PLUGIN):
+# a directory of its own, since it is loaded with dlopen and has no soname.
+install(TARGETS qvefos LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/fetchlet)

@@ -1,0 +1,260 @@
+#include "serve/web_config.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <openssl/evp.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+namespace fetchlet::serve {
+namespace {
+
+namespace fs = std::filesystem;
+
+// bcrypt hashes of cost 4: alice "s3cret pass", bob "other" (written as
+// htpasswd -B writes it), carol "pa:ss".
+constexpr const char* kAlice =
+    "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.";
+constexpr const char* kBob =
+    "$2y$04$Uzy/zPO6KLXHQ1yZbmiMFuhL6H.xbhaVHH3.6YzeBU5QuHDqM/BoG";
+constexpr const char* kCarol =
+    "$2b$04$LigvZ0COPeJLk3vpJuFlm.o.IsMtThi8XLoBp1T5HYrwux6Ccpg7S";
+
+class WebConfigTest : public testing::Test {
+ protected:
+  // One CA, server and client certificates for the whole suite.
+  static void SetUpTestSuite() {
+    char dir[] = "/tmp/web_config_test.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    ASSERT_EQ(std::system((std::string(QVE_MAKE_CERTS) + " " + dir_).c_str()),
+              0);
+  }
+  static void TearDownTestSuite() { fs::remove_all(dir_); }
+
+  static std::string Write(const std::string& name, const std::string& text) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  // Problems as "line:column: message", the file name left out.
+  static std::string Load(const std::string& text, WebConfig* web) {
+    const std::string path = Write("web.yml", text);
+    std::vector<ConfigProblem> problems;
+    std::optional<WebConfig> loaded = LoadWebConfig(path, &problems);
+    EXPECT_EQ(loaded.has_value(), problems.empty());
+    std::string out;
+    for (const ConfigProblem& p : problems) {
+      EXPECT_EQ(p.where.file, path);
+      out += std::to_string(p.where.line) + ":" +
+             std::to_string(p.where.column) + ": " + p.message + "\n";
+    }
+    if (loaded) *web = *loaded;
+    return out;
+  }
+
+  static inline std::string dir_;
+};
+
+TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
+  const struct {
+    const char* text;
+    const char* problems;
+  } cases[] = {
+      {"", ""},
+      {"basic_auth_users:\n", ""},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n",
+       ""},
+      {"tls_server_confg:\n  cert_file: server.crt\n",
+       "1:1: unknown key \"tls_server_confg\"\n"},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
+       "  cipher_suites: [TLS_AES_128_GCM_SHA256]\n",
+       "4:3: \"cipher_suites\" is not supported\n"},
+      {"basic_auth_users:\n  alice: x\nbasic_auth_users: {}\n",
+       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"
+       "3:1: duplicate key \"basic_auth_users\"\n"},
+      {"basic_auth_users:\n  alice: "
+       "$1$abcdefgh$0123456789012345678901\n",
+       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+      {"basic_auth_users:\n  alice: "
+       "$2b$99$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
+       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+      {"basic_auth_users:\n  \"a:b\": "
+       "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
+       "2:3: invalid user name \"a:b\"\n"},
+      {"tls_server_config:\n  cert_file: missing.crt\n  key_file: server.key\n",
+       "2:14: cannot read \"DIR/missing.crt\": No such file or directory\n"},
+      {"tls_server_config:\n  key_file: server.key\n",
+       "2:3: cert_file is missing\n"},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
+       "  client_auth_type: RequireAndVerifyClientCert\n",
+       "2:3: client_auth_type verifies client certificates but client_ca_file "
+       "is missing\n"},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
+       "  client_ca_file: ca.crt\n",
+       "4:19: client_ca_file needs a client_auth_type that verifies "
+       "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)\n"},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
+       "  client_auth_type: requireandverifyclientcert\n  min_version: TLS11\n",
+       "4:21: invalid client_auth_type \"requireandverifyclientcert\"\n"
+       "5:16: invalid min_version \"TLS11\" (TLS12 or TLS13)\n"},
+      {"tls_server_config: yes\n", "1:20: expected a mapping\n"},
+      {"tls_server_config:\n  cert_file: [a]\n  key_file: server.key\n",
+       "2:14: expected a non-empty string\n"},
+      {"basic_auth_users: {alice: \n", "2:1: end of map flow not found\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    WebConfig web;
+    std::string expected = c.problems;
+    for (size_t at; (at = expected.find("DIR")) != std::string::npos;) {
+      expected.replace(at, 3, dir_);
+    }
+    EXPECT_EQ(Load(c.text, &web), expected);
+  }
+}
+
+TEST_F(WebConfigTest, LoadResolvesPathsAgainstTheFilesDirectory) {
+  WebConfig web;
+  ASSERT_EQ(Load("tls_server_config:\n"
+                 "  cert_file: server.crt\n"
+                 "  key_file: " +
+                     dir_ +
+                     "/server.key\n"
+                     "  client_ca_file: ./ca.crt\n"
+                     "  client_auth_type: VerifyClientCertIfGiven\n"
+                     "  min_version: TLS13\n"
+                     "basic_auth_users:\n  alice: " +
+                     std::string(kAlice) + "\n",
+                 &web),
+            "");
+  ASSERT_TRUE(web.tls);
+  EXPECT_EQ(web.tls->cert_file, dir_ + "/server.crt");
+  EXPECT_EQ(web.tls->key_file, dir_ + "/server.key");
+  EXPECT_EQ(web.tls->client_ca_file, dir_ + "/./ca.crt");
+  EXPECT_EQ(web.tls->client_auth, ClientAuth::kVerifyClientCertIfGiven);
+  EXPECT_EQ(web.tls->min_version, TlsVersion::kTls13);
+  EXPECT_EQ(web.basic_auth_users,
+            (std::map<std::string, std::string>{{"alice", kAlice}}));
+}
+
+TEST_F(WebConfigTest, MakeHttpServerNeedsAMatchingPairOfFiles) {
+  const std::string junk = Write("junk.pem", "not a certificate\n");
+  const struct {
+    std::string cert, key, ca;
+    const char* error;  // what the error starts with; "" for a server
+  } cases[] = {
+      {"server.crt", "server.key", "", ""},
+      {"server.crt", "server.key", "ca.crt", ""},
+      {"server.crt", "client.key", "", "cannot use "},
+      {"junk.pem", "server.key", "", "cannot load "},
+      {"server.crt", "server.key", "junk.pem", "cannot load "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cert + " " + c.key + " " + c.ca);
+    WebConfig web;
+    web.tls = TlsServerConfig{dir_ + "/" + c.cert, dir_ + "/" + c.key,
+                              c.ca.empty() ? "" : dir_ + "/" + c.ca,
+                              ClientAuth::kRequireAndVerifyClientCert,
+                              TlsVersion::kTls12};
+    std::string error;
+    std::unique_ptr<httplib::Server> server = MakeHttpServer(web, &error);
+    EXPECT_EQ(server != nullptr, *c.error == '\0');
+    EXPECT_TRUE(error.starts_with(c.error)) << error;
+  }
+  std::string error;
+  EXPECT_NE(MakeHttpServer(WebConfig{}, &error), nullptr);
+}
+
+// The sample that the package ships and the README shows, beside the files
+// it names: this loader, the TLS set-up and promtool all accept it, and its
+// user's password is the one the comment gives.
+TEST_F(WebConfigTest, TheShippedSampleIsAcceptedByUsAndByPromtool) {
+  std::ifstream sample(QVE_SAMPLE_WEB_CONFIG);
+  ASSERT_TRUE(sample);
+  const std::string text((std::istreambuf_iterator<char>(sample)), {});
+  WebConfig web;
+  ASSERT_EQ(Load(text, &web), "");
+  std::string error;
+  EXPECT_NE(MakeHttpServer(web, &error), nullptr) << error;
+  const BasicAuth auth(web.basic_auth_users);
+  // "prometheus:change me"
+  EXPECT_TRUE(auth.Allows("Basic cHJvbWV0aGV1czpjaGFuZ2UgbWU="));
+  if (access("/usr/bin/promtool", X_OK) != 0) GTEST_SKIP() << "no promtool";
+  const std::string check =
+      "/usr/bin/promtool check web-config " + dir_ + "/web.yml >/dev/null 2>&1";
+  EXPECT_EQ(std::system(check.c_str()), 0);
+}
+
+std::string Basic(const std::string& pair) {
+  std::string encoded(4 * ((pair.size() + 2) / 3) + 1, '\0');
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
+                      reinterpret_cast<const unsigned char*>(pair.data()),
+                      static_cast<int>(pair.size()));
+  encoded.resize(static_cast<size_t>(n));
+  return "Basic " + encoded;
+}
+
+TEST(BasicAuthTest, AllowsOnlyAUserWithItsPassword) {
+  const BasicAuth auth({{"alice", kAlice}, {"bob", kBob}, {"carol", kCarol}});
+  const struct {
+    std::string header;
+    bool allowed;
+  } cases[] = {
+      {Basic("alice:s3cret pass"), true},
+      {"basic " + Basic("alice:s3cret pass").substr(6), true},
+      {Basic("bob:other"), true},
+      {Basic("carol:pa:ss"), true},
+      {Basic("alice:s3cret pas"), false},
+      {Basic("alice:s3cret pass "), false},
+      {Basic("alice:"), false},
+      {Basic(std::string("alice:s3cret pass\0tail", 22)), false},
+      {Basic("bob:s3cret pass"), false},
+      {Basic("mallory:s3cret pass"), false},
+      {Basic("alice"), false},
+      {Basic(":s3cret pass"), false},
+      {"Bearer " + Basic("alice:s3cret pass").substr(6), false},
+      {Basic("alice:s3cret pass").substr(0, 10), false},
+      {Basic("alice:s3cret pass") + "=", false},
+      {"Basic YWxp*2U6czNjcmV0IHBhc3M=", false},
+      {"", false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(auth.Allows(c.header), c.allowed) << c.header;
+  }
+  EXPECT_TRUE(BasicAuth({}).Allows(""));
+}
+
+TEST(BasicAuthTest, RemembersVerifiedPairsOnly) {
+  const BasicAuth auth({{"alice", kAlice}, {"bob", kBob}});
+  const struct {
+    std::string header;
+    bool allowed;
+    size_t hashes;  // computed so far
+  } steps[] = {
+      {Basic("alice:wrong"), false, 1},
+      {Basic("alice:wrong"), false, 2},
+      {Basic("alice:s3cret pass"), true, 3},
+      {Basic("alice:s3cret pass"), true, 3},
+      {Basic("alice:wrong"), false, 4},
+      {Basic("bob:s3cret pass"), false, 5},
+      {Basic("bob:other"), true, 6},
+      {Basic("alice:s3cret pass"), true, 6},
+      {Basic("bob:other"), true, 6},
+  };
+  for (const auto& step : steps) {
+    EXPECT_EQ(auth.Allows(step.header), step.allowed) << step.header;
+    EXPECT_EQ(auth.HashesComputed(), step.hashes) << step.header;
+  }
+}
+
+}  // namespace
+}  // namespace fetchlet::serve

@@ -1,0 +1,260 @@
+// A real TLS server set up from a web configuration, asked by curl with and
+// without client certificates and credentials.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+
+#include "serve/web_config.h"
+
+namespace fetchlet::serve {
+namespace {
+
+// bcrypt of "s3cret pass", cost 4.
+constexpr const char* kAlice =
+    "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.";
+
+class WebTlsTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    char dir[] = "/tmp/web_tls_test.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    ASSERT_EQ(std::system((std::string(QVE_MAKE_CERTS) + " " + dir_).c_str()),
+              0);
+  }
+  static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
+
+  void TearDown() override {
+    if (server_) server_->stop();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  // Serves one sample on /metrics, behind the configuration's TLS and users.
+  void Start(const std::string& config) {
+    const std::string path = dir_ + "/web.yml";
+    std::ofstream(path) << config;
+    std::vector<ConfigProblem> problems;
+    std::optional<WebConfig> web = LoadWebConfig(path, &problems);
+    ASSERT_TRUE(web) << problems.front().message;
+    std::string error;
+    server_ = MakeHttpServer(*web, &error);
+    ASSERT_NE(server_, nullptr) << error;
+    RequireBasicAuth(*server_,
+                     std::make_shared<BasicAuth>(web->basic_auth_users));
+    server_->Get("/metrics", [](const httplib::Request&, httplib::Response& r) {
+      r.set_content("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
+    });
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    ASSERT_GT(port_, 0);
+    // Bound already: connections wait in the backlog until listening starts.
+    thread_ = std::thread([this] { server_->listen_after_bind(); });
+  }
+
+  // The HTTP status curl saw, "000" when there was no answer; curl's own
+  // failure shows as a non-zero exit status in *exit_status.
+  std::string Curl(const std::string& options, int* exit_status) {
+    const std::string command =
+        "cd " + dir_ + " && curl -s -o /dev/null -w '%{http_code}' " +
+        "--max-time 20 --cacert ca.crt " + options + " 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return "popen failed";
+    char code[16] = {};
+    const size_t n = fread(code, 1, sizeof code - 1, pipe);
+    *exit_status = WEXITSTATUS(pclose(pipe));
+    return std::string(code, n);
+  }
+
+  std::string Url() {
+    return "https://localhost:" + std::to_string(port_) + "/metrics";
+  }
+
+  static inline std::string dir_;
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+  int port_ = 0;
+};
+
+const std::string kUser = "--user 'alice:s3cret pass'";
+
+const std::string kMine = "--cert client.crt --key client.key ";
+const std::string kStranger = "--cert intruder.crt --key intruder.key ";
+
+std::string Tls(const std::string& auth_type, const std::string& more = "") {
+  return "tls_server_config:\n  cert_file: server.crt\n  key_file: "
+         "server.key\n  client_auth_type: " +
+         auth_type + "\n" + more + "basic_auth_users:\n  alice: " + kAlice +
+         "\n";
+}
+
+TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
+  const std::string verified = "  client_ca_file: ca.crt\n";
+  const struct {
+    std::string config;
+    std::string options;
+    const char* status;
+  } cases[] = {
+      {Tls("RequireAndVerifyClientCert", verified), kMine + kUser, "200"},
+      {Tls("RequireAndVerifyClientCert", verified), kMine, "401"},
+      {Tls("RequireAndVerifyClientCert", verified),
+       kMine + "--user alice:wrong", "401"},
+      {Tls("RequireAndVerifyClientCert", verified), kUser, "000"},
+      {Tls("RequireAndVerifyClientCert", verified), kStranger + kUser, "000"},
+      {Tls("VerifyClientCertIfGiven", verified), kUser, "200"},
+      {Tls("VerifyClientCertIfGiven", verified), kStranger + kUser, "000"},
+      {Tls("RequireAnyClientCert"), kStranger + kUser, "200"},
+      {Tls("RequireAnyClientCert"), kUser, "000"},
+      {Tls("RequestClientCert"), kUser, "200"},
+      {Tls("NoClientCert"), kStranger + kUser, "200"},
+      {Tls("NoClientCert", "  min_version: TLS13\n"), "--tls-max 1.2 " + kUser,
+       "000"},
+      {Tls("NoClientCert", "  min_version: TLS13\n"), kUser, "200"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.config + c.options);
+    Start(c.config);
+    int exit_status = -1;
+    EXPECT_EQ(Curl(c.options + " " + Url(), &exit_status), c.status);
+    EXPECT_EQ(exit_status == 0, std::string(c.status) != "000");
+    TearDown();
+  }
+}
+
+TEST_F(WebTlsTest, PlainHttpToTheTlsPortFailsAndTheServerStaysUp) {
+  Start(Tls("NoClientCert"));
+  const std::string plain = "http://127.0.0.1:" + std::to_string(port_);
+  int exit_status = 0;
+  EXPECT_EQ(Curl(kUser + " " + plain + "/metrics", &exit_status), "000");
+  EXPECT_NE(exit_status, 0);
+  EXPECT_EQ(Curl(kUser + " " + Url(), &exit_status), "200");
+  EXPECT_EQ(exit_status, 0);
+}
+
+// Debian's Prometheus, started on a free port with its own data folder,
+// scraping the server with each configured job; stopped by its process id.
+class Prometheus {
+ public:
+  Prometheus(const std::string& dir, const std::string& jobs) {
+    const std::string config = dir + "/prometheus.yml";
+    std::ofstream(config) << "global: {scrape_interval: 1s}\n"
+                          << "scrape_configs:\n"
+                          << jobs;
+    port_ = FreePort();
+    const std::vector<std::string> args = {
+        "/usr/bin/prometheus", "--config.file=" + config,
+        "--storage.tsdb.path=" + dir + "/data",
+        "--web.listen-address=127.0.0.1:" + std::to_string(port_)};
+    std::vector<char*> argv;
+    for (const std::string& arg : args)
+      argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ)) {
+      pid_ = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~Prometheus() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+
+  bool Started() const { return pid_ > 0; }
+
+  // Each job's health and last error, once every job has been scraped;
+  // empty when that did not happen within a minute.
+  std::map<std::string, std::string> Targets() {
+    for (int attempt = 0; attempt < 120; ++attempt) {
+      std::map<std::string, std::string> health;
+      nlohmann::json targets = Get("/api/v1/targets")["data"]["activeTargets"];
+      for (const auto& t : targets) {
+        if (t["health"] == "unknown") break;
+        health[t["labels"]["job"]] = t["health"].get<std::string>() + " " +
+                                     t["lastError"].get<std::string>();
+      }
+      if (!health.empty() && health.size() == targets.size()) return health;
+      usleep(500000);
+    }
+    return {};
+  }
+
+ private:
+  // A port the kernel picked as free a moment ago.
+  static int FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    const bool bound =
+        bind(fd, any, size) == 0 && getsockname(fd, any, &size) == 0;
+    close(fd);
+    return bound ? ntohs(address.sin_port) : 0;
+  }
+
+  nlohmann::json Get(const std::string& path) {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_connection_timeout(2);
+    client.set_read_timeout(10);
+    httplib::Result result = client.Get(path);
+    if (!result || result->status != 200) return nlohmann::json::object();
+    return nlohmann::json::parse(result->body, nullptr, false);
+  }
+
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+TEST_F(WebTlsTest, PrometheusScrapesWithItsCertificateAndPassword) {
+  if (access("/usr/bin/prometheus", X_OK) != 0) GTEST_SKIP() << "no prometheus";
+  Start(Tls("RequireAndVerifyClientCert", "  client_ca_file: ca.crt\n"));
+  std::ofstream(dir_ + "/password") << "s3cret pass";
+  const std::string target =
+      "    static_configs: [{targets: ['localhost:" + std::to_string(port_) +
+      "']}]\n";
+  const std::string tls =
+      "    scheme: https\n    tls_config:\n"
+      "      ca_file: " +
+      dir_ + "/ca.crt\n";
+  const std::string cert = "      cert_file: " + dir_ + "/client.crt\n" +
+                           "      key_file: " + dir_ + "/client.key\n";
+  const std::string auth =
+      "    basic_auth: {username: alice, password_file: " + dir_ +
+      "/password}\n";
+  Prometheus prometheus(
+      dir_, "  - job_name: full\n" + tls + cert + auth + target +
+                "  - job_name: no_password\n" + tls + cert + target +
+                "  - job_name: no_certificate\n" + tls + auth + target);
+  ASSERT_TRUE(prometheus.Started());
+  const std::map<std::string, std::string> targets = prometheus.Targets();
+  ASSERT_EQ(targets.size(), 3u);
+  EXPECT_EQ(targets.at("full"), "up ");
+  EXPECT_EQ(targets.at("no_password"),
+            "down server returned HTTP status 401 Unauthorized");
+  EXPECT_TRUE(targets.at("no_certificate").starts_with("down "))
+      << targets.at("no_certificate");
+}
+
+}  // namespace
+}  // namespace fetchlet::serve
