@@ -30,7 +30,7 @@ inline std::optional<fetchlet::Family> EntryPoints(
   if (handle == nullptr) return std::nullopt;
   const std::string prefix = fetchlet::serve::EntryPointPrefix(kind);
   fetchlet::Family family;
-  family.getFetchlet = reinterpret_cast<fetchlet::GetFetchletFn>(
+  family.getFetchlet = reinterpret_cast<qvefet_GetFetchletFn>(
       dlsym(handle, (prefix + "_getFetchlet").c_str()));
   family.getMetric = reinterpret_cast<qvefet_GetMetricFn>(
       dlsym(handle, (prefix + "_getMetric").c_str()));
