@@ -101,7 +101,7 @@ TEST(FetchletProgramTest, ExitStatusesAndOutputFormats) {
       {{"os", "--properties", "/no/such/file"}, 2, "",
        "fetchlet: cannot read properties file /no/such/file: No such file "
        "or directory\n"},
-      {{"os", "--output-limit", "1GiB", "command=true"}, 0, "(null)\n", ""},
+      {{"os", "--output-limit", "1GiB", "command=true"}, 0, "\n", ""},
       {{"os", "--output-limit", "12XB", "command=true"}, 2, "",
        "fetchlet: bad output limit '12XB'\n"},
       {{"os", "--output-limit", "16777216TiB", "command=true"}, 2, "",
@@ -158,9 +158,9 @@ TEST(FetchletProgramTest, FilesThatCannotBeReadAreUsageErrors) {
   chmod(foreign.c_str(), 0600);
   const bool can_chown = chown(foreign.c_str(), 65534, 65534) == 0;
   const std::pair<Strings, std::string> cases[] = {
-      {{"--properties", dir}, "properties file " + dir + ": it is a directory"},
+      {{"--properties", dir}, "cannot read properties file " + dir + ": it is a directory"},
       {{"--properties", fifo},
-       "properties file " + fifo + ": it is not a regular file"},
+       "cannot read properties file " + fifo + ": it is not a regular file"},
       {{"password_file=" + dir}, "password file " + dir +
                                      " is not a regular file"},
       {{"password_file=" + fifo}, "password file " + fifo +
@@ -215,7 +215,7 @@ TEST(FetchletProgramTest, PasswordFromFileArgumentOrTerminal) {
   const TestAccount* account = AccountStore::Get().Shared();
   if (account == nullptr) GTEST_SKIP() << "cannot make a test account";
   const std::string right = account->password;
-  const std::string ran = "(table)\n  " + account->name + "\n";
+  const std::string ran = account->name + "\n";
   const std::string file = TempPath("password");
   const Strings run = {"run", "osline", "isSecureCommand=TRUE",
                        "username=" + account->name, "command=id -un"};
