@@ -15,7 +15,7 @@
 #include "properties.h"
 #include "qve/embedded.h"
 #include "render.h"
-#include "secret_file.h"
+#include "serve/secret_file.h"
 #include "serve_command.h"
 #include "test_command.h"
 

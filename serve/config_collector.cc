@@ -4,7 +4,7 @@
 #include <re2/re2.h>
 
 #include "serve/config_internal.h"
-#include "serve/password_file.h"
+#include "serve/secret_file.h"
 
 namespace fetchlet::serve {
 namespace {
@@ -73,9 +73,9 @@ void ReadPassword(YamlReader& reader, const YamlReader::Entry& entry,
   }
   std::string error;
   const bool read = entry.key == "password_file"
-                        ? ReadPasswordFile(path, &collector->password, &error)
+                        ? ReadSecretFile(path, &collector->password, &error)
                         : ReadCredentialFile(path, &collector->password, &error);
-  if (!read) reader.Problem(entry.value, "password file " + path + ": " + error);
+  if (!read) reader.Problem(entry.value, error);
 }
 
 void ReadTable(YamlReader& reader, const YAML::Node& node, TableSpec* table) {

@@ -142,9 +142,11 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
                      "\n    value: {name: n, help: h, type: stateset, "
                      "states: [a, a]}\n"),
        {"F:11:20: password file " + group +
-            ": mode 0640 gives group or other access",
+            " must not be readable or writable by group or others "
+            "(chmod 600)",
         "F:12:41: 'on' must be a number",
-        "F:16:20: password file " + other + ": owned by uid 65534, not 0",
+        "F:16:20: password file " + other +
+            " is not owned by the user running fetchlet",
         "F:18:59: duplicate state 'a'"}},
       {WithCollector("  - {name: u, kind: udm, interval: 1s, "
                      "value: {name: u, help: h}}\n"),

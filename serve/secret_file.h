@@ -1,6 +1,6 @@
 // Passwords kept in files: one rule wherever the program reads one.
-#ifndef QVE_CLI_SECRET_FILE_H_
-#define QVE_CLI_SECRET_FILE_H_
+#ifndef QVE_SERVE_SECRET_FILE_H_
+#define QVE_SERVE_SECRET_FILE_H_
 
 #include <string>
 
@@ -13,9 +13,14 @@ namespace fetchlet {
 bool ReadSecretFile(const std::string& path, std::string* secret,
                     std::string* error);
 
+// The same without the owner and mode rule, for a credential that the
+// service manager placed in a directory private to this service.
+bool ReadCredentialFile(const std::string& path, std::string* secret,
+                        std::string* error);
+
 // Overwrites text before it is released.
 void WipeString(std::string* text);
 
 }  // namespace fetchlet
 
-#endif  // QVE_CLI_SECRET_FILE_H_
+#endif  // QVE_SERVE_SECRET_FILE_H_
