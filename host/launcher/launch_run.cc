@@ -197,7 +197,9 @@ void DropPrivilege(const Account& account) {
   if (geteuid() != 0 || account.uid == 0) return;
   if (setgroups(0, nullptr) == 0 &&
       setresgid(getgid(), account.gid, account.gid) == 0) {
-    setresuid(getuid(), account.uid, account.uid);
+    // Should this fail the launcher stays root, which it needs no more than
+    // to wait for the command and pass stops on to it.
+    if (setresuid(getuid(), account.uid, account.uid) != 0) return;
   }
 }
 
