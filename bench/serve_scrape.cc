@@ -60,11 +60,12 @@ Figures Measure(int series, int rounds) {
   Scheduler scheduler(1, 0);
   scheduler.SetCollectors({Cached(series)});
   std::atomic<bool> reload_ok{true};
-  auto served = MakeHttpServer();
+  std::string error;
+  auto served = MakeListener(WebConfig{}, &error);
   AddRoutes(*served, scheduler, reload_ok);
   const std::string body = RenderScrape(scheduler, true, Format::kText,
                                         std::chrono::steady_clock::now());
-  auto baseline = MakeHttpServer();
+  auto baseline = MakeListener(WebConfig{}, &error);
   baseline->Get("/metrics", [&](const httplib::Request&, httplib::Response& r) {
     r.set_content(body, ContentType(Format::kText));
   });

@@ -9,6 +9,7 @@
 
 #include "plugin.h"
 #include "qve/embedded.h"
+#include "serve/notify.h"
 #include "serve/server.h"
 
 namespace fetchlet {
@@ -47,10 +48,15 @@ void WaitForSignals(serve::Server& server) {
     int signal = 0;
     if (sigwait(&signals, &signal) != 0) continue;
     if (signal != SIGHUP) {
+      serve::NotifyStopping();
       spdlog::info("stopping on signal {}", signal);
       return;
     }
-    server.Reload();
+    serve::NotifyReloading();
+    const bool applied = server.Reload();
+    serve::NotifyStatus(applied ? server.Status()
+                                : server.Status() + "; last reload failed");
+    serve::NotifyReady();
   }
 }
 
@@ -62,6 +68,8 @@ CLI::App* DefineServe(CLI::App& app, ServeOptions& o) {
   serve->add_option("--config", o.config, "the serving configuration");
   serve->add_option("--listen", o.listen,
                     "ADDR:PORT, instead of the configuration's listen");
+  serve->add_option("--web-config", o.web_config,
+                    "TLS and basic auth for every route (exporters' format)");
   serve->add_option("--check-config", o.check_config,
                     "check FILE, print each problem, exit 0 or 1");
   serve->add_option("--log-level", o.log_level,
@@ -94,13 +102,18 @@ int RunServe(const ServeOptions& o) {
     std::cerr << "fetchlet: cannot load " << path << ": " << error << "\n";
     return kUsageError;
   }
-  serve::Server server(o.config, o.listen, [&](serve::CollectorKind kind) {
-    return plugin->Find(serve::EntryPointPrefix(kind));
-  });
+  serve::Server server(
+      o.config, o.listen,
+      [&](serve::CollectorKind kind) {
+        return plugin->Find(serve::EntryPointPrefix(kind));
+      },
+      o.web_config);
   if (!server.Start(&error)) {
     std::cerr << "fetchlet: " << error << "\n";
     return kFailed;
   }
+  serve::NotifyStatus(server.Status());
+  serve::NotifyReady();
   WaitForSignals(server);
   server.Stop();
   return 0;

@@ -12,6 +12,7 @@ namespace fetchlet {
 struct ServeOptions {
   std::string config;
   std::string listen;
+  std::string web_config;
   std::string check_config;
   std::string log_level = "info";
   std::string plugin_path;

@@ -46,8 +46,10 @@ void ServeMetrics(const httplib::Request& request, httplib::Response& response,
 
 }  // namespace
 
-std::unique_ptr<httplib::Server> MakeHttpServer() {
-  auto server = std::make_unique<httplib::Server>();
+std::unique_ptr<httplib::Server> MakeListener(const WebConfig& web,
+                                              std::string* error) {
+  std::unique_ptr<httplib::Server> server = MakeHttpServer(web, error);
+  if (!server) return nullptr;
   server->set_keep_alive_timeout(30);
   server->set_keep_alive_max_count(100000);
   return server;

@@ -8,6 +8,7 @@
 
 #include "serve/exposition.h"
 #include "serve/schedule.h"
+#include "serve/web_config.h"
 
 namespace httplib {
 class Server;
@@ -15,9 +16,11 @@ class Server;
 
 namespace fetchlet::serve {
 
-// Every server serve listens with is made here, so that a TLS server can
-// take the plain one's place.
-std::unique_ptr<httplib::Server> MakeHttpServer();
+// Every server serve listens with is made here: plain or TLS as web says,
+// with serve's keep-alive limits. nullptr with *error when TLS cannot be
+// set up.
+std::unique_ptr<httplib::Server> MakeListener(const WebConfig& web,
+                                              std::string* error);
 
 // "ADDR:PORT" ("[::1]:PORT" for IPv6); false when it is not one.
 bool ParseListen(const std::string& listen, std::string* host, int* port);

@@ -11,10 +11,11 @@
 namespace fetchlet::serve {
 
 Server::Server(std::string config_path, std::string listen_override,
-               EntryPointFinder finder)
+               EntryPointFinder finder, std::string web_config_path)
     : config_path_(std::move(config_path)),
       listen_override_(std::move(listen_override)),
-      finder_(std::move(finder)) {}
+      finder_(std::move(finder)),
+      web_config_path_(std::move(web_config_path)) {}
 
 Server::~Server() { Stop(); }
 
@@ -30,6 +31,21 @@ std::optional<Config> Server::Load() {
     spdlog::error("{}", problem.ToString());
   }
   return config;
+}
+
+std::optional<WebConfig> Server::LoadWeb() const {
+  if (web_config_path_.empty()) return WebConfig{};
+  std::vector<ConfigProblem> problems;
+  std::optional<WebConfig> web = LoadWebConfig(web_config_path_, &problems);
+  for (const ConfigProblem& problem : problems) {
+    spdlog::error("{}", problem.ToString());
+  }
+  return web;
+}
+
+std::shared_ptr<const BasicAuth> Server::auth() const {
+  std::lock_guard lock(auth_mutex_);
+  return auth_;
 }
 
 // The collectors of config; one defined as before keeps its state.
@@ -66,38 +82,79 @@ bool Server::Start(std::string* error) {
     *error = "cannot use configuration " + config_path_;
     return false;
   }
-  const std::string listen =
-      listen_override_.empty() ? config_->listen : listen_override_;
-  std::string host;
-  if (!ParseListen(listen, &host, &port_)) {
-    *error = "bad listen address '" + listen + "'";
+  web_ = LoadWeb();
+  if (!web_) {
+    *error = "cannot use web configuration " + web_config_path_;
     return false;
   }
+  auth_ = std::make_shared<BasicAuth>(web_->basic_auth_users);
   qvehost::SetOutputLimit(config_->output_limit);
   const int workers = config_->max_concurrent > 0
                           ? config_->max_concurrent
                           : static_cast<int>(std::thread::hardware_concurrency());
   scheduler_ = std::make_unique<Scheduler>(workers, config_->jitter);
   scheduler_->SetCollectors(std::move(collectors));
-  http_ = MakeHttpServer();
+  const std::string listen =
+      listen_override_.empty() ? config_->listen : listen_override_;
+  if (!Listen(listen, error)) {
+    Stop();
+    return false;
+  }
+  spdlog::info("{}", Status());
+  return true;
+}
+
+// Bound and listening when it returns true: a client may connect at once.
+bool Server::Listen(const std::string& listen, std::string* error) {
+  if (!ParseListen(listen, &host_, &port_)) {
+    *error = "bad listen address '" + listen + "'";
+    return false;
+  }
+  http_ = MakeListener(*web_, error);
+  if (!http_) return false;
+  if (!web_config_path_.empty()) {
+    RequireBasicAuth(*http_, [this] { return auth(); });
+  }
   AddRoutes(*http_, *scheduler_, last_reload_successful_);
   if (port_ == 0) {
-    port_ = http_->bind_to_any_port(host);
-  } else if (!http_->bind_to_port(host, port_)) {
+    port_ = http_->bind_to_any_port(host_);
+  } else if (!http_->bind_to_port(host_, port_)) {
     port_ = -1;
   }
   if (port_ < 0) {
     *error = "cannot listen on " + listen;
-    Stop();
     return false;
   }
   listener_ = std::thread([this] { http_->listen_after_bind(); });
-  spdlog::info("serving {} collectors on {}:{}", config_->collectors.size(),
-               host, port_);
+  return true;
+}
+
+std::string Server::Status() const {
+  return "serving " + std::to_string(config_->collectors.size()) +
+         " collectors on " + host_ + ":" + std::to_string(port_);
+}
+
+// Users may change at once; certificates are in the listener's TLS context,
+// made once.
+bool Server::ReloadWeb() {
+  std::optional<WebConfig> web = LoadWeb();
+  if (!web) {
+    spdlog::error("reload of {} failed; the running web configuration stays",
+                  web_config_path_);
+    return false;
+  }
+  if (web->tls != web_->tls) {
+    spdlog::warn("tls_server_config changes only on restart");
+  }
+  auto auth = std::make_shared<const BasicAuth>(web->basic_auth_users);
+  std::lock_guard lock(auth_mutex_);
+  auth_ = std::move(auth);
+  web_->basic_auth_users = std::move(web->basic_auth_users);
   return true;
 }
 
 bool Server::Reload() {
+  const bool web_reloaded = ReloadWeb();
   std::optional<Config> config = Load();
   std::vector<CollectorPtr> collectors;
   if (!config || !Collectors(*config, &collectors)) {
@@ -113,9 +170,9 @@ bool Server::Reload() {
   qvehost::SetOutputLimit(config->output_limit);
   scheduler_->SetCollectors(std::move(collectors));
   config_ = std::move(config);
-  last_reload_successful_ = true;
+  last_reload_successful_ = web_reloaded;
   spdlog::info("configuration {} reloaded", config_path_);
-  return true;
+  return web_reloaded;
 }
 
 // The scheduler first: a scrape waiting for an on_scrape collector returns

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -13,6 +14,7 @@
 #include "cli/plugin.h"
 #include "serve/config.h"
 #include "serve/schedule.h"
+#include "serve/web_config.h"
 
 namespace httplib {
 class Server;
@@ -26,29 +28,43 @@ using EntryPointFinder =
 
 class Server {
  public:
+  // web_config_path "" serves plain HTTP to everyone.
   Server(std::string config_path, std::string listen_override,
-         EntryPointFinder finder);
+         EntryPointFinder finder, std::string web_config_path = "");
   ~Server();  // Stop()
 
   // Loads the configuration, starts the workers and listens; false with
   // *error set when any of it fails.
   bool Start(std::string* error);
   // Checks the file again and applies it when valid; an invalid one keeps
-  // the running configuration. True when applied.
+  // the running configuration. The web configuration's users are read
+  // again the same way; its TLS settings change only on restart. True when
+  // both files were applied.
   bool Reload();
   // Ends every run, stops listening, joins every thread.
   void Stop();
 
   int port() const { return port_; }
+  // "serving N collectors on HOST:PORT", for logs and the service manager.
+  std::string Status() const;
   Scheduler& scheduler() { return *scheduler_; }
 
  private:
   std::optional<Config> Load();
+  std::optional<WebConfig> LoadWeb() const;
+  bool Listen(const std::string& listen, std::string* error);
+  bool ReloadWeb();
+  std::shared_ptr<const BasicAuth> auth() const;
   bool Collectors(const Config& config, std::vector<CollectorPtr>* out);
 
   const std::string config_path_;
   const std::string listen_override_;
   const EntryPointFinder finder_;
+  const std::string web_config_path_;
+  std::optional<WebConfig> web_;
+  mutable std::mutex auth_mutex_;
+  std::shared_ptr<const BasicAuth> auth_;  // guarded by auth_mutex_
+  std::string host_;
   std::optional<Config> config_;
   std::unique_ptr<Scheduler> scheduler_;
   std::unique_ptr<httplib::Server> http_;

@@ -418,9 +418,14 @@ bool BasicAuth::Verify(const std::string& user,
 void RequireBasicAuth(httplib::Server& server,
                       std::shared_ptr<const BasicAuth> auth) {
   if (auth->Open()) return;
+  RequireBasicAuth(server, [auth] { return auth; });
+}
+
+void RequireBasicAuth(httplib::Server& server, BasicAuthSource source) {
   server.set_pre_routing_handler(
-      [auth](const httplib::Request& request, httplib::Response& response) {
-        if (auth->Allows(request.get_header_value("Authorization"))) {
+      [source = std::move(source)](const httplib::Request& request,
+                                   httplib::Response& response) {
+        if (source()->Allows(request.get_header_value("Authorization"))) {
           return httplib::Server::HandlerResponse::Unhandled;
         }
         response.status = 401;

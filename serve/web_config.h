@@ -6,6 +6,7 @@
 #define FETCHLET_SERVE_WEB_CONFIG_H_
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,6 +43,8 @@ struct TlsServerConfig {
   std::string client_ca_file;  // "" when no client is verified
   ClientAuth client_auth = ClientAuth::kNoClientCert;
   TlsVersion min_version = TlsVersion::kTls12;
+
+  bool operator==(const TlsServerConfig&) const = default;
 };
 
 struct WebConfig {
@@ -93,6 +96,14 @@ class BasicAuth {
 // allow, before routing. Does nothing when auth is open.
 void RequireBasicAuth(httplib::Server& server,
                       std::shared_ptr<const BasicAuth> auth);
+
+// The users in force for each request, so that a reload can change them
+// while the server runs.
+using BasicAuthSource = std::function<std::shared_ptr<const BasicAuth>()>;
+
+// As above, asking source on every request; installed even while the
+// users are none, since a reload may add some.
+void RequireBasicAuth(httplib::Server& server, BasicAuthSource source);
 
 }  // namespace fetchlet::serve
 

@@ -15,56 +15,18 @@
 #include <functional>
 #include <string>
 
+#include "tests/serve/serve_wire_support.h"
+
 namespace fetchlet::serve {
 namespace {
 
-// A datagram socket standing in for the service manager's, named by
-// NOTIFY_SOCKET while the test runs.
 class NotifyTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/notify_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(fd_, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = dir_ + "/notify";
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address),
-              0);
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  }
+  void SetUp() override { ASSERT_TRUE(socket_.Open()); }
+  std::string Receive() { return socket_.Receive(); }
+  bool Pending() { return socket_.Pending(); }
 
-  void TearDown() override {
-    unsetenv("NOTIFY_SOCKET");
-    close(fd_);
-    unlink((dir_ + "/notify").c_str());
-    rmdir(dir_.c_str());
-  }
-
-  // The next message, or "" when none came within a generous bound.
-  std::string Receive() {
-    pollfd p{fd_, POLLIN, 0};
-    int ready;
-    while ((ready = poll(&p, 1, 5000)) < 0 && errno == EINTR) {
-    }
-    if (ready != 1) return "";
-    char buffer[4096];
-    ssize_t n;
-    while ((n = recv(fd_, buffer, sizeof buffer, 0)) < 0 && errno == EINTR) {
-    }
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
-  }
-
-  bool Pending() {
-    pollfd p{fd_, POLLIN, 0};
-    return poll(&p, 1, 0) == 1;
-  }
-
-  std::string dir_;
-  int fd_ = -1;
+  qvetest::NotifySocket socket_;
 };
 
 uint64_t MonotonicUsec() {

@@ -21,22 +21,18 @@
 #include <thread>
 
 #include "serve/web_config.h"
+#include "tests/serve/serve_wire_support.h"
 
 namespace fetchlet::serve {
 namespace {
 
-// bcrypt of "s3cret pass", cost 4.
-constexpr const char* kAlice =
-    "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.";
+using qvetest::kAlice;
 
 class WebTlsTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    char dir[] = "/tmp/web_tls_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    ASSERT_EQ(std::system((std::string(QVE_MAKE_CERTS) + " " + dir_).c_str()),
-              0);
+    dir_ = qvetest::MakeTestCerts();
+    ASSERT_FALSE(dir_.empty());
   }
   static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
 
@@ -66,18 +62,8 @@ class WebTlsTest : public testing::Test {
     thread_ = std::thread([this] { server_->listen_after_bind(); });
   }
 
-  // The HTTP status curl saw, "000" when there was no answer; curl's own
-  // failure shows as a non-zero exit status in *exit_status.
   std::string Curl(const std::string& options, int* exit_status) {
-    const std::string command =
-        "cd " + dir_ + " && curl -s -o /dev/null -w '%{http_code}' " +
-        "--max-time 20 --cacert ca.crt " + options + " 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return "popen failed";
-    char code[16] = {};
-    const size_t n = fread(code, 1, sizeof code - 1, pipe);
-    *exit_status = WEXITSTATUS(pclose(pipe));
-    return std::string(code, n);
+    return qvetest::CurlStatus(dir_, options, exit_status);
   }
 
   std::string Url() {
@@ -90,16 +76,13 @@ class WebTlsTest : public testing::Test {
   int port_ = 0;
 };
 
-const std::string kUser = "--user 'alice:s3cret pass'";
+const std::string& kUser = qvetest::kAliceCurl;
 
 const std::string kMine = "--cert client.crt --key client.key ";
 const std::string kStranger = "--cert intruder.crt --key intruder.key ";
 
 std::string Tls(const std::string& auth_type, const std::string& more = "") {
-  return "tls_server_config:\n  cert_file: server.crt\n  key_file: "
-         "server.key\n  client_auth_type: " +
-         auth_type + "\n" + more + "basic_auth_users:\n  alice: " + kAlice +
-         "\n";
+  return qvetest::TlsWebConfig(auth_type, more);
 }
 
 TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
@@ -154,7 +137,7 @@ class Prometheus {
     std::ofstream(config) << "global: {scrape_interval: 1s}\n"
                           << "scrape_configs:\n"
                           << jobs;
-    port_ = FreePort();
+    port_ = qvetest::FreePort();
     const std::vector<std::string> args = {
         "/usr/bin/prometheus", "--config.file=" + config,
         "--storage.tsdb.path=" + dir + "/data",
@@ -199,20 +182,6 @@ class Prometheus {
   }
 
  private:
-  // A port the kernel picked as free a moment ago.
-  static int FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* any = reinterpret_cast<sockaddr*>(&address);
-    const bool bound =
-        bind(fd, any, size) == 0 && getsockname(fd, any, &size) == 0;
-    close(fd);
-    return bound ? ntohs(address.sin_port) : 0;
-  }
-
   nlohmann::json Get(const std::string& path) {
     httplib::Client client("127.0.0.1", port_);
     client.set_connection_timeout(2);
