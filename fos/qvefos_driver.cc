@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "fos/qvefos_convert.h"
+#include "fos/qvefos_environment.h"
 #include "fos/qvefos_export.h"
 #include "fos/qvefos_memory.h"
 #include "fos/qvefos_request.h"

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "fos/qvefos_environment.h"
 #include "fos/qvefos_memory.h"
 #include "fos/qvefos_request.h"
 

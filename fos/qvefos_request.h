@@ -1,6 +1,6 @@
-// Request assembly: what a runner takes (argument vector, environment,
-// standard-input text, time limit, request identifier, runner and
-// credentials), read from a metric's property list.
+// Request assembly: what a runner takes (argument vector, standard-input
+// text, time limit, request identifier, runner and credentials), read from a
+// metric's property list. The environment has its own header.
 //
 // Every string and array handed out here comes from the host allocator under
 // the module "qvefos"; the receiver releases it as each contract says.
@@ -20,24 +20,9 @@
 // are stored only when exceptionOut is not null.
 char** qvefos_splitArguments(const char* line, qveue_Exception** exceptionOut);
 
-// The environment for a run: NAME=VALUE entries from the properties named
-// "ENV..." and "KTAgentConditionContext..." in list order, then from the
-// ENV_ARRAY block those names no entry holds yet. A null-terminated array
-// owned by the caller (qvefos_freeEnvironment), or null when there is no
-// entry or building failed; failures are written to standard error only.
-char** qvefos_buildEnvironment(qvlnv_NVList* properties);
-
-// 1 when the string entry begins with the string name followed by "=", else
-// 0. Shaped for qveuv_Vector_findIndex.
-int32_t qvefos_envEntryMatches(const void* entry, const void* name);
-
 // Releases every string up to the first null slot, then the array. Null is
 // ignored; the caller's pointer is left as it is.
 void qvefos_freeArguments(char** argv);
-
-// Like qvefos_freeArguments for *envp, then sets *envp to null. A null *envp
-// is ignored.
-void qvefos_freeEnvironment(char*** envp);
 
 // The standard-input text: one NAME=VALUE line per property named "STDIN..."
 // in list order (a value holding a line feed goes between "__BeginProp__" and

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "fos/qvefos_convert.h"
+#include "fos/qvefos_environment.h"
 #include "fos/qvefos_frame.h"
 #include "fos/qvefos_memory.h"
 #include "fos/qvefos_request.h"

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "fos/qvefos_request.h"
+#include "fos/qvefos_environment.h"
 #include "fuzz_support.h"
 
 namespace {

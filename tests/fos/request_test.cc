@@ -5,6 +5,7 @@
 
 #include <climits>
 
+#include "fos/qvefos_environment.h"
 #include "fos/qvefos_request.h"
 #include "common/run_support.h"
 
