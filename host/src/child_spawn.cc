@@ -92,13 +92,29 @@ struct ChildPlan {
   int report_fd = -1;  // the start's errno goes here when exec fails
 };
 
+// The child's own system calls, made directly: the libc wrappers may be
+// intercepted (a sanitizer's runtime takes locks in them that another thread
+// of the host may have held at the clone).
+namespace child {
+
+long Call(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+  return syscall(number, a, b, c, d);
+}
+
+// old is never new here: sources sit at or above the floor, targets below.
+bool Move(int old_fd, int new_fd) {
+  return Call(SYS_dup3, old_fd, new_fd, 0) >= 0;
+}
+
+void Close(int fd) { Call(SYS_close, fd); }
+
 [[noreturn]] void ReportAndExit(int report_fd) {
   const int error = errno;
-  ssize_t n;
-  do {
-    n = write(report_fd, &error, sizeof error);
-  } while (n < 0 && errno == EINTR);
-  _exit(127);
+  while (Call(SYS_write, report_fd, reinterpret_cast<long>(&error),
+              sizeof error) < 0 &&
+         errno == EINTR) {
+  }
+  for (;;) Call(SYS_exit_group, 127);
 }
 
 // Every signal to its default (also the two glibc keeps for its threads: an
@@ -106,9 +122,10 @@ struct ChildPlan {
 // all-zero action as SIG_DFL with no flags and an empty mask.
 void DefaultAllSignals() {
   const unsigned long zero_action[4] = {0, 0, 0, 0};
-  for (int sig = 1; sig < NSIG; ++sig) {
+  for (long sig = 1; sig < NSIG; ++sig) {
     if (sig == SIGKILL || sig == SIGSTOP) continue;
-    syscall(SYS_rt_sigaction, sig, zero_action, nullptr, NSIG / 8);
+    Call(SYS_rt_sigaction, sig, reinterpret_cast<long>(zero_action), 0,
+         NSIG / 8);
   }
 }
 
@@ -119,34 +136,43 @@ bool ArrangeDescriptors(const ChildPlan& plan) {
   for (int i = 0; i < 3; ++i) {
     int source = plan.child_fds[i];
     if (source < 0) {
-      source = open(kDevNull, i == 0 ? O_RDONLY : O_WRONLY);
+      source = static_cast<int>(Call(SYS_openat, AT_FDCWD,
+                                     reinterpret_cast<long>(kDevNull),
+                                     i == 0 ? O_RDONLY : O_WRONLY));
       if (source < 0) return false;
       if (source == i) continue;
     }
-    if (dup2(source, i) < 0) return false;
-    if (plan.child_fds[i] < 0) close(source);
+    if (!Move(source, i)) return false;
+    if (plan.child_fds[i] < 0) Close(source);
   }
   for (size_t i = 0; i < plan.sources.size(); ++i) {
-    if (dup2(plan.sources[i], plan.targets[i].child_fd) < 0) return false;
+    if (!Move(plan.sources[i], plan.targets[i].child_fd)) return false;
   }
-  return syscall(SYS_close_range, plan.floor, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+  return Call(SYS_close_range, plan.floor, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
-[[noreturn]] void RunChild(const ChildPlan& plan) {
+void Execute(const char* program, char* const* argv, char* const* envp) {
+  Call(SYS_execve, reinterpret_cast<long>(program),
+       reinterpret_cast<long>(argv), reinterpret_cast<long>(envp));
+}
+
+[[noreturn]] void Run(const ChildPlan& plan) {
   DefaultAllSignals();
   // Own process group, so that a kill reaches what the command starts.
-  if (setpgid(0, 0) != 0 || !ArrangeDescriptors(plan)) {
+  if (Call(SYS_setpgid, 0, 0) != 0 || !ArrangeDescriptors(plan)) {
     ReportAndExit(plan.report_fd);
   }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  execve(plan.program.c_str(), plan.argv, plan.envp);
+  const unsigned long none = 0;
+  Call(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(&none), 0,
+       sizeof none);
+  Execute(plan.program.c_str(), plan.argv, plan.envp);
   // A file the kernel refuses to execute (a script without "#!") runs
   // through /bin/sh, as execvp does.
-  if (errno == ENOEXEC) execve(kShell, plan.script_argv.data(), plan.envp);
+  if (errno == ENOEXEC) Execute(kShell, plan.script_argv.data(), plan.envp);
   ReportAndExit(plan.report_fd);
 }
+
+}  // namespace child
 
 // The file to execute: argv[0], or its PATH match as execvp would find it.
 int ResolveProgram(const SpawnRequest& request, std::string* program) {
@@ -202,7 +228,7 @@ pid_t CloneChild(const ChildPlan& plan, int cgroup_fd, int* pidfd) {
     args.flags = CLONE_PIDFD;
     pid = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof args));
   }
-  if (pid == 0) RunChild(plan);
+  if (pid == 0) child::Run(plan);
   const int error = errno;
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   errno = error;

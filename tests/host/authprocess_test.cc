@@ -180,20 +180,32 @@ TEST_F(AuthProcessTest, EscapedDescendantOfTheUserEndsWithTheRun) {
   }
   const std::string escape =
       "setsid sh -c 'exec sleep 100' </dev/null >/dev/null 2>&1 &";
+  // At a normal end the command itself waits (boundedly) until the escaped
+  // sleep runs, and says by its exit value whether it saw it.
+  const std::string sleep_up = "pgrep -u \"$(id -u)\" -x sleep >/dev/null";
   const std::pair<const char*, std::string> endings[] = {
       {"time limit", escape + " exec sleep 100"},
       {"emergency stop", escape + " exec sleep 100"},
+      {"normal end", escape + " i=0; until " + sleep_up +
+                         " || [ $((i+=1)) -gt 2000 ]; do :; done; " + sleep_up},
   };
   for (const auto& [name, script] : endings) {
     qvejcap_Process* process = New(context_, {"sh", "-c", script},
                                    account_->name, account_->password);
     ASSERT_EQ(qvejcap_Process_run(process), 0) << name;
-    // The escaped sleep is up once the user has a process named so.
-    for (int i = 0; i < 300 && !HasSleep(account_->uid); ++i) usleep(10000);
-    ASSERT_TRUE(HasSleep(account_->uid)) << name;
+    if (std::string(name) != "normal end") {
+      // The escaped sleep is up once the user has a process named so.
+      for (int i = 0; i < 300 && !HasSleep(account_->uid); ++i) usleep(10000);
+      ASSERT_TRUE(HasSleep(account_->uid)) << name;
+    }
     if (std::string(name) == "time limit") qvejcap_Process_kill(process);
     if (std::string(name) == "emergency stop") qvehost::KillRunningCommands();
     qvejcap_Process_blocking_wait(process);
+    if (std::string(name) == "normal end") {
+      int32_t exit_value = -1;
+      qvejcap_Process_getExitValue(process, &exit_value);
+      EXPECT_EQ(exit_value, 0) << "the escaped sleep never ran";
+    }
     qvejcap_Process_delete(process);
     // Bounded: the killed processes' new parent reaps them shortly.
     for (int i = 0; i < 500 && !ProcessesOf(account_->uid).empty(); ++i) {
