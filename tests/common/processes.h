@@ -1,18 +1,39 @@
-// Checks that a test left no process and no descriptor behind.
+// Starting host processes in tests, and checks that a test left no process
+// and no descriptor behind.
 #ifndef QVE_TESTS_COMMON_PROCESSES_H_
 #define QVE_TESTS_COMMON_PROCESSES_H_
 
+#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "qve/host.h"
+
 namespace qvetest {
+
+using ProcessPtr =
+    std::unique_ptr<sqvejcp_Process, decltype(&sqvejcp_Process_delete)>;
+
+// argv started with all three pipes; standard input stays open.
+inline ProcessPtr StartPiped(std::vector<std::string> argv) {
+  std::vector<char*> args;
+  for (std::string& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  ProcessPtr process(
+      sqvejcp_Process_new_argv_envp(
+          nullptr, args.data(), static_cast<int32_t>(argv.size()), nullptr, 0),
+      sqvejcp_Process_delete);
+  EXPECT_EQ(sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL), 0);
+  return process;
+}
 
 // This process's open descriptors. The listing's own is among them, the
 // same one every time while the others are the same.

@@ -16,26 +16,16 @@
 #include <thread>
 #include <vector>
 
+#include "common/processes.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
 
 using Strings = std::vector<std::string>;
-using ProcessPtr =
-    std::unique_ptr<sqvejcp_Process, decltype(&sqvejcp_Process_delete)>;
+using qvetest::ProcessPtr;
+using qvetest::StartPiped;
 
-ProcessPtr Start(Strings argv) {
-  std::vector<char*> args;
-  for (std::string& arg : argv) args.push_back(arg.data());
-  args.push_back(nullptr);
-  ProcessPtr process(
-      sqvejcp_Process_new_argv_envp(
-          nullptr, args.data(), static_cast<int32_t>(argv.size()), nullptr, 0),
-      sqvejcp_Process_delete);
-  EXPECT_EQ(sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL), 0);
-  return process;
-}
 
 // The first line of standard output: the pid a descendant printed.
 pid_t ReadPid(sqvejcp_Process* process) {
@@ -104,7 +94,7 @@ TEST_F(ContainmentTest, EscapedDescendantsEndWithTheRun) {
       // The command itself waits for its end, except at a normal end.
       Strings argv = escape;
       if (std::string(name) != "normal end") argv[2] += "\nexec sleep 100";
-      ProcessPtr process = Start(argv);
+      ProcessPtr process = StartPiped(argv);
       const pid_t escaped = ReadPid(process.get());
       ASSERT_GT(escaped, 0) << name;
       end(process.get());
@@ -122,11 +112,11 @@ TEST_F(ContainmentTest, EndingAnEvaluationEndsItsWholeTree) {
   const Strings argv = {
       "sh", "-c",
       "setsid sh -c 'echo $$; exec sleep 100 >/dev/null 2>&1' & exec sleep 100"};
-  ProcessPtr other = Start(argv);
+  ProcessPtr other = StartPiped(argv);
   const pid_t others = ReadPid(other.get());
   {
     qvehost::EvaluationScope scope(41);
-    ProcessPtr process = Start(argv);
+    ProcessPtr process = StartPiped(argv);
     const pid_t escaped = ReadPid(process.get());
     qvehost::EndEvaluation(41);
     sqvejcp_Process_blocking_wait(process.get());
@@ -148,7 +138,7 @@ TEST_F(ContainmentTest, OutputFloodEndsAtTheLimit) {
   };
   for (const auto& [script, kind] : floods) {
     qvehost::LogCapture capture;
-    ProcessPtr process = Start({"sh", "-c", script});
+    ProcessPtr process = StartPiped({"sh", "-c", script});
     const pid_t background = ReadPid(process.get());
     char buffer[65536];
     int32_t n;

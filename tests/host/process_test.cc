@@ -29,23 +29,11 @@ using qvetest::OpenDescriptors;
 
 using Strings = std::vector<std::string>;
 using Kinds = std::vector<uint32_t>;
-using ProcessPtr =
-    std::unique_ptr<sqvejcp_Process, decltype(&sqvejcp_Process_delete)>;
+using qvetest::ProcessPtr;
+using qvetest::StartPiped;
 using MuxPtr =
     std::unique_ptr<sqvejcx_IOMuxor, decltype(&sqvejcx_IOMuxor_delete)>;
 
-// Started with all three pipes; standard input stays open.
-ProcessPtr Start(Strings argv) {
-  std::vector<char*> args;
-  for (std::string& arg : argv) args.push_back(arg.data());
-  args.push_back(nullptr);
-  ProcessPtr process(
-      sqvejcp_Process_new_argv_envp(
-          nullptr, args.data(), static_cast<int32_t>(argv.size()), nullptr, 0),
-      sqvejcp_Process_delete);
-  EXPECT_EQ(sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL), 0);
-  return process;
-}
 
 // A multiplexer watching the process's output streams.
 MuxPtr Watch(sqvejcp_Process* process) {
@@ -88,7 +76,7 @@ int32_t ExitValue(sqvejcp_Process* process) {
 // Writes the input, reads standard output to its end and waits: the exit
 // value and the output.
 std::pair<int32_t, std::string> RunToEnd(Strings argv, std::string_view input) {
-  ProcessPtr process = Start(std::move(argv));
+  ProcessPtr process = StartPiped(std::move(argv));
   WriteAll(process.get(), input);
   sqvejcp_Process_stdin_close(process.get());
   std::string out;
@@ -167,14 +155,14 @@ TEST_F(ProcessTest, ExitValuesAndScriptWithoutInterpreterLine) {
 // outlives its command's streams is reaped. The fixture proves the rest.
 TEST_F(ProcessTest, KillAndDeleteLeaveNothingBehind) {
   ProcessPtr process =
-      Start({"sh", "-c", "trap '' TERM; sleep 100 & echo up; exec sleep 100"});
+      StartPiped({"sh", "-c", "trap '' TERM; sleep 100 & echo up; exec sleep 100"});
   char buffer[8];
   EXPECT_EQ(sqvejcp_Process_stdout_read(process.get(), buffer, 8), 3);
   EXPECT_EQ(sqvejcp_Process_kill(process.get()), 0);
   EXPECT_EQ(ExitValue(process.get()), 128 + SIGKILL);
   EXPECT_EQ(sqvejcp_Process_stdout_read(process.get(), buffer, 8),
             QVE_END_OF_STREAM);
-  Start({"sh", "-c", "sleep 100 & sleep 100"});  // deleted while running
+  StartPiped({"sh", "-c", "sleep 100 & sleep 100"});  // deleted while running
   EXPECT_EQ(RunToEnd({"sh", "-c", "sleep 100 >/dev/null 2>&1 &"}, "").first, 0);
 }
 
@@ -190,7 +178,7 @@ TEST_F(ProcessTest, GoneReaderGivesWriteFailureAndOnlyAForeignSigpipeStays) {
        {std::pair{false, false}, {true, false}, {true, true}}) {
     pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &pipe_set, &old);
     if (foreign) pthread_kill(pthread_self(), SIGPIPE);
-    ProcessPtr process = Start({"sh", "-c", "exit 0"});
+    ProcessPtr process = StartPiped({"sh", "-c", "exit 0"});
     EXPECT_EQ(WriteAll(process.get(), std::string(1 << 20, 'x')),
               QVE_WRITE_FAILED);
     sigpending(&pending);
@@ -214,7 +202,7 @@ TEST_F(ProcessTest, InterruptedCallsAreRetried) {
       std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
   });
-  ProcessPtr sleeper = Start({"sleep", "0.2"});
+  ProcessPtr sleeper = StartPiped({"sleep", "0.2"});
   Select(Watch(sleeper.get()).get(), 5000);  // ends while the wait goes on
   const std::string input(1 << 20, 'y');
   const auto [exit, out] = RunToEnd({"sh", "-c", "sleep 0.2; cat"}, input);
@@ -231,7 +219,7 @@ TEST_F(ProcessTest, InterruptedCallsAreRetried) {
 TEST_F(ProcessTest, MuxReportsOutputDrainedWhileStdinWasFull) {
   constexpr int32_t kOutput = 300000;
   ProcessPtr process =
-      Start({"sh", "-c", "head -c 300000 /dev/zero; cat >/dev/null"});
+      StartPiped({"sh", "-c", "head -c 300000 /dev/zero; cat >/dev/null"});
   ASSERT_GT(WriteAll(process.get(), std::string(1 << 20, 'z')), 0);
   EXPECT_EQ(Select(Watch(process.get()).get(), 30000),
             Kinds{QVE_STREAM_STDOUT});
@@ -246,9 +234,9 @@ TEST_F(ProcessTest, MuxReportsOutputDrainedWhileStdinWasFull) {
 
 // Either may go first; neither leaves the other with a dangling stream.
 TEST_F(ProcessTest, MuxAndProcessMayBeDeletedInEitherOrder) {
-  ProcessPtr process = Start({"sleep", "100"});
+  ProcessPtr process = StartPiped({"sleep", "100"});
   MuxPtr mux = Watch(process.get());
-  process = Start({"sleep", "100"});  // the watched one deleted
+  process = StartPiped({"sleep", "100"});  // the watched one deleted
   uint32_t count = 0;
   sqvejcx_Channel* channels = nullptr;
   EXPECT_NE(sqvejcx_IOMuxor_select(mux.get(), 0, &count, &channels), 0);
