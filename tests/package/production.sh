@@ -37,6 +37,8 @@ rm -rf /etc/fetchlet
 if getent passwd fetchlet >/dev/null; then deluser --quiet fetchlet; fi
 
 apt-get install -y -q ./libqvehost0_*.deb ./fetchlet_*.deb </dev/null >/dev/null
+verify=$(systemd-analyze verify --man=no /lib/systemd/system/fetchlet.service 2>&1)
+[ -z "$verify" ] || fail "systemd-analyze verify: $verify"
 
 for section in Configuration Certificates; do
   commands=$(readme_block "$section")
