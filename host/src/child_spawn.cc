@@ -1,5 +1,6 @@
-// Starting a child: pipes, then clone3 straight into the run's cgroup (when
-// there is one) and exec.
+// Starting a child: pipes, the plan of what the child does, the clone
+// (straight into the run's cgroup when there is one) and the wait for its
+// exec.
 //
 // clone3 rather than posix_spawn: only it puts the child in its cgroup before
 // the command runs, so that no fast double fork escapes. It also hands back
@@ -7,33 +8,26 @@
 // its children reaped by the kernel (an exit signal other than SIGCHLD would
 // not help: exec sets it back). Both containments start children this way.
 #include <fcntl.h>
-#include <linux/close_range.h>
-#include <linux/sched.h>
-#include <pthread.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "cgroup.h"
 #include "child_process.h"
+#include "clone_child.h"
 
 namespace qvehost::internal {
 namespace {
 
-constexpr char kDevNull[] = "/dev/null";
 constexpr char kDefaultPath[] = "/bin:/usr/bin";
 // Mutable because argument vectors are arrays of char*; never written.
 char kShell[] = "/bin/sh";
@@ -78,101 +72,13 @@ bool FindInPath(std::string_view name, std::string* found) {
   }
 }
 
-// Everything the child needs, made before the clone: after it the child may
-// only make system calls (another thread may hold a lock of the allocator).
-struct ChildPlan {
-  const int* child_fds = nullptr;  // [3], -1: /dev/null
-  std::vector<int> sources;        // at or above floor, onto targets
-  std::span<const InheritedFd> targets;
-  int floor = 3;
-  std::string program;                // the file to execute
-  std::vector<char*> script_argv;     // /bin/sh PROGRAM ARGS... for ENOEXEC
-  char* const* argv = nullptr;
-  char* const* envp = nullptr;
-  int report_fd = -1;  // the start's errno goes here when exec fails
+// What the child's plan points into, owned by the parent.
+struct PlanStorage {
+  std::string program;
+  std::vector<char*> script_argv;  // /bin/sh PROGRAM ARGS...
+  std::vector<int> sources;
+  std::vector<int> targets;
 };
-
-// The child's own system calls, made directly: the libc wrappers may be
-// intercepted (a sanitizer's runtime takes locks in them that another thread
-// of the host may have held at the clone).
-namespace child {
-
-long Call(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
-  return syscall(number, a, b, c, d);
-}
-
-// old is never new here: sources sit at or above the floor, targets below.
-bool Move(int old_fd, int new_fd) {
-  return Call(SYS_dup3, old_fd, new_fd, 0) >= 0;
-}
-
-void Close(int fd) { Call(SYS_close, fd); }
-
-[[noreturn]] void ReportAndExit(int report_fd) {
-  const int error = errno;
-  while (Call(SYS_write, report_fd, reinterpret_cast<long>(&error),
-              sizeof error) < 0 &&
-         errno == EINTR) {
-  }
-  for (;;) Call(SYS_exit_group, 127);
-}
-
-// Every signal to its default (also the two glibc keeps for its threads: an
-// ignored signal survives the exec), through the raw call, which takes an
-// all-zero action as SIG_DFL with no flags and an empty mask.
-void DefaultAllSignals() {
-  const unsigned long zero_action[4] = {0, 0, 0, 0};
-  for (long sig = 1; sig < NSIG; ++sig) {
-    if (sig == SIGKILL || sig == SIGSTOP) continue;
-    Call(SYS_rt_sigaction, sig, reinterpret_cast<long>(zero_action), 0,
-         NSIG / 8);
-  }
-}
-
-// Moves the streams onto 0, 1 and 2, the inherited descriptors onto theirs,
-// and marks every other descriptor close-on-exec (the report pipe must stay
-// open until the exec succeeds).
-bool ArrangeDescriptors(const ChildPlan& plan) {
-  for (int i = 0; i < 3; ++i) {
-    int source = plan.child_fds[i];
-    if (source < 0) {
-      source = static_cast<int>(Call(SYS_openat, AT_FDCWD,
-                                     reinterpret_cast<long>(kDevNull),
-                                     i == 0 ? O_RDONLY : O_WRONLY));
-      if (source < 0) return false;
-      if (source == i) continue;
-    }
-    if (!Move(source, i)) return false;
-    if (plan.child_fds[i] < 0) Close(source);
-  }
-  for (size_t i = 0; i < plan.sources.size(); ++i) {
-    if (!Move(plan.sources[i], plan.targets[i].child_fd)) return false;
-  }
-  return Call(SYS_close_range, plan.floor, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
-}
-
-void Execute(const char* program, char* const* argv, char* const* envp) {
-  Call(SYS_execve, reinterpret_cast<long>(program),
-       reinterpret_cast<long>(argv), reinterpret_cast<long>(envp));
-}
-
-[[noreturn]] void Run(const ChildPlan& plan) {
-  DefaultAllSignals();
-  // Own process group, so that a kill reaches what the command starts.
-  if (Call(SYS_setpgid, 0, 0) != 0 || !ArrangeDescriptors(plan)) {
-    ReportAndExit(plan.report_fd);
-  }
-  const unsigned long none = 0;
-  Call(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(&none), 0,
-       sizeof none);
-  Execute(plan.program.c_str(), plan.argv, plan.envp);
-  // A file the kernel refuses to execute (a script without "#!") runs
-  // through /bin/sh, as execvp does.
-  if (errno == ENOEXEC) Execute(kShell, plan.script_argv.data(), plan.envp);
-  ReportAndExit(plan.report_fd);
-}
-
-}  // namespace child
 
 // The file to execute: argv[0], or its PATH match as execvp would find it.
 int ResolveProgram(const SpawnRequest& request, std::string* program) {
@@ -183,15 +89,15 @@ int ResolveProgram(const SpawnRequest& request, std::string* program) {
   return FindInPath(request.argv[0], program) ? 0 : ENOENT;
 }
 
-int BuildPlan(const SpawnRequest& request, ChildPlan* plan,
-              std::vector<int>* temporaries) {
-  const int error = ResolveProgram(request, &plan->program);
+int BuildPlan(const SpawnRequest& request, PlanStorage* storage,
+              ChildPlan* plan, std::vector<int>* temporaries) {
+  const int error = ResolveProgram(request, &storage->program);
   if (error != 0) return error;
-  plan->script_argv = {kShell, plan->program.data()};
+  storage->script_argv = {kShell, storage->program.data()};
   for (char* const* arg = request.argv + 1; *arg != nullptr; ++arg) {
-    plan->script_argv.push_back(*arg);
+    storage->script_argv.push_back(*arg);
   }
-  plan->script_argv.push_back(nullptr);
+  storage->script_argv.push_back(nullptr);
   for (const InheritedFd& inherited : request.inherited) {
     int source = inherited.parent_fd;
     if (source < plan->floor) {
@@ -199,40 +105,17 @@ int BuildPlan(const SpawnRequest& request, ChildPlan* plan,
       if (source < 0) return errno;
       temporaries->push_back(source);
     }
-    plan->sources.push_back(source);
+    storage->sources.push_back(source);
+    storage->targets.push_back(inherited.child_fd);
   }
-  plan->targets = request.inherited;
+  plan->program = storage->program.c_str();
+  plan->script_argv = storage->script_argv.data();
+  plan->sources = storage->sources.data();
+  plan->targets = storage->targets.data();
+  plan->inherited = storage->sources.size();
   plan->argv = request.argv;
   plan->envp = request.envp;
   return 0;
-}
-
-// The clone itself, with every signal blocked so that no handler of the host
-// runs in the child before its dispositions are reset.
-pid_t CloneChild(const ChildPlan& plan, int cgroup_fd, int* pidfd) {
-  clone_args args;
-  std::memset(&args, 0, sizeof args);
-  args.exit_signal = SIGCHLD;
-  args.flags = CLONE_PIDFD;
-  args.pidfd = reinterpret_cast<uintptr_t>(pidfd);
-  if (cgroup_fd >= 0) {
-    args.flags |= CLONE_INTO_CGROUP;
-    args.cgroup = static_cast<uint64_t>(cgroup_fd);
-  }
-  sigset_t all, old;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &old);
-  auto pid = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof args));
-  if (pid < 0 && cgroup_fd >= 0 && errno != EAGAIN) {
-    // A cgroup the kernel refuses: the process group still contains.
-    args.flags = CLONE_PIDFD;
-    pid = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof args));
-  }
-  if (pid == 0) child::Run(plan);
-  const int error = errno;
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  errno = error;
-  return pid;
 }
 
 // 0 once the child has executed its command; else the child's errno, and the
@@ -257,10 +140,11 @@ int SpawnChild(const SpawnRequest& request, const int child_fds[3], int floor,
   int report[2] = {-1, -1};
   int error = 0;
   try {
+    PlanStorage storage;
     ChildPlan plan;
     plan.child_fds = child_fds;
     plan.floor = floor;
-    error = BuildPlan(request, &plan, &temporaries);
+    error = BuildPlan(request, &storage, &plan, &temporaries);
     if (error == 0 && pipe2(report, O_CLOEXEC) != 0) error = errno;
     if (error == 0) {
       plan.report_fd = report[1];
