@@ -109,7 +109,7 @@ QVE_CHILD_CODE bool ArrangeDescriptors(const ChildPlan& plan) {
 
 #if defined(__x86_64__)
 constexpr uint64_t kShareMemory = CLONE_VM | CLONE_VFORK;
-constexpr size_t kChildStack = 64 * 1024;
+constexpr size_t kChildStack = size_t{64} << 10;
 
 // clone3 with the child on its own stack, where it calls child::Run(plan):
 // glibc has no clone3 wrapper, and the child could not return through
