@@ -15,7 +15,10 @@ echo "allow_root = no  # edited" >>/etc/fetchlet/launch.conf
 echo "# edited" >>/etc/pam.d/fetchlet-launch
 
 # As a user upgrades: apt sees Breaks and Replaces and orders the unpacking.
-apt-get install -y -q ./libqvehost0_*.deb ./libqvehost-dev_*.deb \
+# launch.conf changed since 0.1.0 and was edited here too: dpkg would ask;
+# keep the edit, as an unattended upgrade does.
+apt-get install -y -q -o Dpkg::Options::=--force-confdef \
+  -o Dpkg::Options::=--force-confold ./libqvehost0_*.deb ./libqvehost-dev_*.deb \
   ./fetchlet_*.deb ./qvefetchlets_0.2.0-*_all.deb </dev/null >/dev/null
 grep -q "# edited" /etc/fetchlet/launch.conf || fail "launch.conf lost its edit"
 grep -q "# edited" /etc/pam.d/fetchlet-launch || fail "PAM file lost its edit"
