@@ -37,7 +37,7 @@ std::vector<CollectorPtr> TrueCollectors(int count, Duration interval) {
     config.interval = interval;
     config.regex = "(.*)";
     config.compiled_regex = std::make_shared<const re2::RE2>(config.regex);
-    MetricSpec metric;
+    MetricDefinition metric;
     metric.name = "true" + std::to_string(i);
     metric.help = "Ran.";
     metric.type = MetricType::kInfo;

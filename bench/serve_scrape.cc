@@ -21,7 +21,7 @@ CollectorPtr Cached(int series) {
   CollectorConfig config;
   config.name = "bench";
   config.kind = CollectorKind::kOsLineToken;
-  MetricSpec metric;
+  MetricDefinition metric;
   metric.name = "bench_value_bytes";
   metric.unit = "bytes";
   metric.help = "A cached value.";

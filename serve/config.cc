@@ -16,7 +16,7 @@ const std::vector<std::string> kTopKeys = {
     "listen", "evaluation_timeout", "max_concurrent", "jitter",
     "output_limit", "collectors"};
 
-bool SameMetric(const MetricSpec& a, const MetricSpec& b) {
+bool SameMetric(const MetricDefinition& a, const MetricDefinition& b) {
   return a.name == b.name && a.help == b.help && a.unit == b.unit &&
          a.type == b.type && a.value.column == b.value.column &&
          a.value.scale == b.value.scale &&
@@ -25,8 +25,8 @@ bool SameMetric(const MetricSpec& a, const MetricSpec& b) {
          a.states == b.states;
 }
 
-bool SameMetrics(const std::vector<MetricSpec>& a,
-                 const std::vector<MetricSpec>& b) {
+bool SameMetrics(const std::vector<MetricDefinition>& a,
+                 const std::vector<MetricDefinition>& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
     if (!SameMetric(a[i], b[i])) return false;

@@ -46,7 +46,7 @@ struct ValueSpec {
   std::vector<std::pair<std::string, double>> map;
 };
 
-struct MetricSpec {
+struct MetricDefinition {
   std::string name;
   std::string help;
   std::string unit;
@@ -78,8 +78,8 @@ struct CollectorConfig {
   TableSpec table;
   std::string regex;  // os: RE2, group N is column N
   std::shared_ptr<const re2::RE2> compiled_regex;  // regex, compiled at load
-  std::vector<MetricSpec> metrics;    // os, osline, oslinetoken
-  std::optional<MetricSpec> udm_value;  // udm
+  std::vector<MetricDefinition> metrics;    // os, osline, oslinetoken
+  std::optional<MetricDefinition> udm_value;  // udm
   Position where;
 };
 

@@ -9,11 +9,11 @@ namespace {
 
 struct Claim {
   std::string family;  // the family whose name is claimed
-  const MetricSpec* metric;
+  const MetricDefinition* metric;
 };
 
 // The family name that OpenMetrics prints on # TYPE lines.
-std::string BaseName(const MetricSpec& metric) {
+std::string BaseName(const MetricDefinition& metric) {
   if (metric.type == MetricType::kCounter) {
     return metric.name.substr(0, metric.name.size() - 6);
   }
@@ -21,7 +21,7 @@ std::string BaseName(const MetricSpec& metric) {
 }
 
 // Every name a family's lines carry.
-std::vector<std::string> ClaimedNames(const MetricSpec& metric) {
+std::vector<std::string> ClaimedNames(const MetricDefinition& metric) {
   const std::string base = BaseName(metric);
   switch (metric.type) {
     case MetricType::kCounter:
@@ -37,10 +37,10 @@ std::string Place(const Position& where) {
   return "line " + std::to_string(where.line);
 }
 
-std::vector<const MetricSpec*> FamiliesOf(const CollectorConfig& collector) {
-  std::vector<const MetricSpec*> families;
+std::vector<const MetricDefinition*> FamiliesOf(const CollectorConfig& collector) {
+  std::vector<const MetricDefinition*> families;
   families.reserve(collector.metrics.size() + 1);
-  for (const MetricSpec& metric : collector.metrics) families.push_back(&metric);
+  for (const MetricDefinition& metric : collector.metrics) families.push_back(&metric);
   if (collector.udm_value) families.push_back(&*collector.udm_value);
   return families;
 }
@@ -51,11 +51,11 @@ void CheckFamilyClashes(YamlReader& reader,
                         const std::vector<CollectorConfig>& collectors) {
   std::map<std::string, Claim> claims;
   for (const CollectorConfig& collector : collectors) {
-    for (const MetricSpec* metric : FamiliesOf(collector)) {
+    for (const MetricDefinition* metric : FamiliesOf(collector)) {
       for (const std::string& name : ClaimedNames(*metric)) {
         const auto [it, fresh] = claims.emplace(name, Claim{name, metric});
         if (fresh || it->second.metric == metric) continue;
-        const MetricSpec& other = *it->second.metric;
+        const MetricDefinition& other = *it->second.metric;
         const std::string text =
             other.name == metric->name
                 ? "family '" + metric->name + "' is already defined at " +

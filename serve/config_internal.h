@@ -28,12 +28,12 @@ void CheckUdmValue(YamlReader& reader, const YAML::Node& node,
                    const CollectorConfig& collector);
 
 // A family of the metrics list (table and os collectors), or a udm value.
-std::optional<MetricSpec> ReadMetric(YamlReader& reader,
+std::optional<MetricDefinition> ReadMetric(YamlReader& reader,
                                      const YAML::Node& node, bool udm);
 
 // Names, units and suffixes of one family, alone.
 void CheckFamily(YamlReader& reader, const YAML::Node& node,
-                 const MetricSpec& metric);
+                 const MetricDefinition& metric);
 
 // No two families of the whole file yield the same sample or family name.
 void CheckFamilyClashes(YamlReader& reader,

@@ -20,7 +20,7 @@ const std::vector<KindKeys> kKindKeys = {
      {"regex", "value"}},
     {CollectorKind::kUdm, "a udm", {"value"}, {"table", "regex", "metrics"}}};
 
-std::string Place(const std::string& prefix, const MetricSpec& metric) {
+std::string Place(const std::string& prefix, const MetricDefinition& metric) {
   return prefix + " of family '" + metric.name + "'";
 }
 
@@ -50,7 +50,7 @@ void CheckKindKeys(YamlReader& reader, const YAML::Node& node,
 void CheckColumns(YamlReader& reader, const CollectorConfig& collector) {
   if (collector.kind != CollectorKind::kOs || !collector.compiled_regex) return;
   const int groups = collector.compiled_regex->NumberOfCapturingGroups();
-  for (const MetricSpec& metric : collector.metrics) {
+  for (const MetricDefinition& metric : collector.metrics) {
     std::vector<int> columns;
     if (metric.value.column >= 0) columns.push_back(metric.value.column);
     for (const auto& label : metric.labels) columns.push_back(label.second);
@@ -71,7 +71,7 @@ void CheckUdmValue(YamlReader& reader, const YAML::Node& node,
   for (const auto& [name, value] : collector.properties) {
     if (name == "valuetype") valuetype = value;
   }
-  const MetricSpec& metric = *collector.udm_value;
+  const MetricDefinition& metric = *collector.udm_value;
   const bool numeric = metric.type == MetricType::kGauge ||
                        metric.type == MetricType::kCounter;
   if (valuetype == "NUMBER") {

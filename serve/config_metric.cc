@@ -52,17 +52,17 @@ void ReadValueKey(YamlReader& reader, const YamlReader::Entry& entry,
   }
 }
 
-void ReadLabels(YamlReader& reader, const YAML::Node& node, MetricSpec* spec) {
+void ReadLabels(YamlReader& reader, const YAML::Node& node, MetricDefinition* definition) {
   for (const auto& entry : reader.Entries(node, "labels", {})) {
     const auto column = reader.Integer(entry.value, entry.key, 0);
-    if (column) spec->labels.emplace_back(entry.key, static_cast<int>(*column));
+    if (column) definition->labels.emplace_back(entry.key, static_cast<int>(*column));
     if (!IsValidName(entry.key) || entry.key.starts_with("__")) {
       reader.Problem(entry.key_node, "invalid label name '" + entry.key + "'");
     }
   }
 }
 
-void ReadStates(YamlReader& reader, const YAML::Node& node, MetricSpec* spec) {
+void ReadStates(YamlReader& reader, const YAML::Node& node, MetricDefinition* definition) {
   if (!node.IsSequence()) {
     reader.Problem(node, "'states' must be a list");
     return;
@@ -70,41 +70,41 @@ void ReadStates(YamlReader& reader, const YAML::Node& node, MetricSpec* spec) {
   for (const YAML::Node& state : node) {
     const auto text = reader.String(state, "states");
     if (!text) continue;
-    if (std::find(spec->states.begin(), spec->states.end(), *text) !=
-        spec->states.end()) {
+    if (std::find(definition->states.begin(), definition->states.end(), *text) !=
+        definition->states.end()) {
       reader.Problem(state, "duplicate state '" + *text + "'");
     }
-    spec->states.push_back(*text);
+    definition->states.push_back(*text);
   }
 }
 
 void ReadMetricKey(YamlReader& reader, const YamlReader::Entry& entry,
-                   bool udm, MetricSpec* spec) {
+                   bool udm, MetricDefinition* definition) {
   if (entry.key == "name") {
-    spec->name = reader.String(entry.value, "name").value_or("");
+    definition->name = reader.String(entry.value, "name").value_or("");
   } else if (entry.key == "help") {
-    spec->help = reader.String(entry.value, "help").value_or("");
+    definition->help = reader.String(entry.value, "help").value_or("");
   } else if (entry.key == "unit") {
-    spec->unit = reader.String(entry.value, "unit").value_or("");
+    definition->unit = reader.String(entry.value, "unit").value_or("");
   } else if (entry.key == "type") {
-    spec->type = ReadType(reader, entry.value).value_or(spec->type);
+    definition->type = ReadType(reader, entry.value).value_or(definition->type);
   } else if (entry.key == "labels") {
-    ReadLabels(reader, entry.value, spec);
+    ReadLabels(reader, entry.value, definition);
   } else if (entry.key == "states") {
-    ReadStates(reader, entry.value, spec);
+    ReadStates(reader, entry.value, definition);
   } else if (entry.key == "value") {
     for (const auto& value : reader.Entries(
              entry.value, "value", {"column", "scale", "trim_suffix", "map"})) {
-      ReadValueKey(reader, value, &spec->value);
+      ReadValueKey(reader, value, &definition->value);
     }
   } else if (udm) {
-    ReadValueKey(reader, entry, &spec->value);
+    ReadValueKey(reader, entry, &definition->value);
   }
 }
 
 // _total, _info and the unit at the end of the name as the type wants them.
 void CheckSuffixes(YamlReader& reader, const YAML::Node& node,
-                   const MetricSpec& metric) {
+                   const MetricDefinition& metric) {
   const std::string& name = metric.name;
   const bool counter = metric.type == MetricType::kCounter;
   if (counter && !EndsWith(name, "_total")) {
@@ -129,7 +129,7 @@ void CheckSuffixes(YamlReader& reader, const YAML::Node& node,
 }
 
 void CheckStates(YamlReader& reader, const YAML::Node& node,
-                 const MetricSpec& metric) {
+                 const MetricDefinition& metric) {
   if (metric.type != MetricType::kStateset) {
     if (!metric.states.empty()) reader.Problem(node, "only a stateset has states");
     return;
@@ -153,7 +153,7 @@ bool IsValidName(const std::string& name) {
   });
 }
 
-std::optional<MetricSpec> ReadMetric(YamlReader& reader,
+std::optional<MetricDefinition> ReadMetric(YamlReader& reader,
                                      const YAML::Node& node, bool udm) {
   const std::vector<std::string> keys =
       udm ? std::vector<std::string>{"name", "help", "unit", "type", "states",
@@ -161,10 +161,10 @@ std::optional<MetricSpec> ReadMetric(YamlReader& reader,
           : std::vector<std::string>{"name", "help",   "unit",  "type",
                                      "value", "labels", "states"};
   const size_t before = reader.ProblemCount();
-  MetricSpec spec;
-  spec.where = reader.Where(node);
+  MetricDefinition definition;
+  definition.where = reader.Where(node);
   const auto entries = reader.Entries(node, udm ? "value" : "metric", keys);
-  for (const auto& entry : entries) ReadMetricKey(reader, entry, udm, &spec);
+  for (const auto& entry : entries) ReadMetricKey(reader, entry, udm, &definition);
   if (!node.IsMap()) return std::nullopt;
   for (const char* required : {"name", "help"}) {
     if (!YamlReader::Find(entries, required).IsDefined()) {
@@ -172,20 +172,20 @@ std::optional<MetricSpec> ReadMetric(YamlReader& reader,
     }
   }
   const bool needs_column =
-      !udm && spec.type != MetricType::kInfo && spec.value.column < 0;
+      !udm && definition.type != MetricType::kInfo && definition.value.column < 0;
   if (needs_column) reader.Problem(node, "missing value column");
-  if (!udm && spec.type == MetricType::kInfo &&
+  if (!udm && definition.type == MetricType::kInfo &&
       YamlReader::Find(entries, "value").IsDefined()) {
     reader.Problem(node, "an info family takes no value");
   }
   if (reader.ProblemCount() != before) return std::nullopt;
-  CheckFamily(reader, node, spec);
+  CheckFamily(reader, node, definition);
   if (reader.ProblemCount() != before) return std::nullopt;
-  return spec;
+  return definition;
 }
 
 void CheckFamily(YamlReader& reader, const YAML::Node& node,
-                 const MetricSpec& metric) {
+                 const MetricDefinition& metric) {
   const std::string& name = metric.name;
   if (!IsValidName(name)) {
     reader.Problem(node, "invalid family name '" + name + "'");

@@ -147,8 +147,8 @@ void MapUdm(const CollectorConfig& collector, const Json& result,
     mapped->notes.push_back("no value");
     return;
   }
-  const MetricSpec& metric = *collector.udm_value;
-  MetricSpec as_row = metric;
+  const MetricDefinition& metric = *collector.udm_value;
+  MetricDefinition as_row = metric;
   as_row.value.column = 0;
   as_row.labels.clear();
   if (metric.type == MetricType::kInfo) as_row.labels = {{metric.name, 0}};

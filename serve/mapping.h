@@ -1,6 +1,6 @@
 // Results to samples: table rows through the collector's metric list, os
 // output through its regular expression, a udm value through its value
-// spec. Rows that do not parse are dropped and counted, never fatal.
+// definition. Rows that do not parse are dropped and counted, never fatal.
 #ifndef FETCHLET_SERVE_MAPPING_H_
 #define FETCHLET_SERVE_MAPPING_H_
 

@@ -27,7 +27,7 @@ std::string Missing(int column) {
 }
 
 // The labels of metric from the row's cells.
-std::optional<Labels> RowLabels(const MetricSpec& metric, const Cells& cells,
+std::optional<Labels> RowLabels(const MetricDefinition& metric, const Cells& cells,
                                 std::string* error) {
   Labels labels;
   for (const auto& [name, column] : metric.labels) {
@@ -42,7 +42,7 @@ std::optional<Labels> RowLabels(const MetricSpec& metric, const Cells& cells,
 }
 
 // The samples metric takes from one row.
-std::optional<std::vector<Sample>> RowSamples(const MetricSpec& metric,
+std::optional<std::vector<Sample>> RowSamples(const MetricDefinition& metric,
                                               const Cells& cells,
                                               std::string* error) {
   auto labels = RowLabels(metric, cells, error);
@@ -101,10 +101,10 @@ std::optional<double> CellValue(const ValueSpec& value,
   return number * value.scale;
 }
 
-std::string MapRow(const std::vector<MetricSpec>& metrics, const Cells& cells,
+std::string MapRow(const std::vector<MetricDefinition>& metrics, const Cells& cells,
                    Families* families) {
   std::vector<std::vector<Sample>> taken;
-  for (const MetricSpec& metric : metrics) {
+  for (const MetricDefinition& metric : metrics) {
     std::string error;
     auto samples = RowSamples(metric, cells, &error);
     if (!samples) return error;
@@ -117,9 +117,9 @@ std::string MapRow(const std::vector<MetricSpec>& metrics, const Cells& cells,
   return "";
 }
 
-Families EmptyFamilies(const std::vector<MetricSpec>& metrics) {
+Families EmptyFamilies(const std::vector<MetricDefinition>& metrics) {
   Families families;
-  for (const MetricSpec& metric : metrics) {
+  for (const MetricDefinition& metric : metrics) {
     families.push_back({metric.name, metric.type, metric.unit, metric.help, {}});
   }
   return families;

@@ -21,11 +21,11 @@ std::optional<double> CellValue(const ValueSpec& value,
 
 // Adds the row's samples to families (one per metric, in order), or adds
 // nothing and returns why the row does not parse.
-std::string MapRow(const std::vector<MetricSpec>& metrics, const Cells& cells,
+std::string MapRow(const std::vector<MetricDefinition>& metrics, const Cells& cells,
                    Families* families);
 
 // Empty families of metrics, ready for rows.
-Families EmptyFamilies(const std::vector<MetricSpec>& metrics);
+Families EmptyFamilies(const std::vector<MetricDefinition>& metrics);
 
 }  // namespace fetchlet::serve
 

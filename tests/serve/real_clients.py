@@ -124,7 +124,7 @@ def check_parsers(base):
     assert names["fetchlet_build"].type == "info"
 
 
-def oracle(config):
+def expected_exposition(config):
     out = subprocess.run([FETCHLET, "test", "--config", config, "--json",
                           "--collector", "generated"],
                          capture_output=True, check=True).stdout
@@ -153,7 +153,7 @@ def main():
         f.write("global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
                 "scrape_configs:\n  - job_name: fetchlet\n"
                 "    static_configs: [{targets: ['127.0.0.1:%d']}]\n" % serve_port)
-    expected = oracle(config)
+    expected = expected_exposition(config)
     processes = []
     try:
         serve = subprocess.Popen([FETCHLET, "serve", "--config", config,
