@@ -1,10 +1,12 @@
 #!/bin/bash
-# The host library exports the operations host.h declares and the C++ API of
-# embedded.h (qvehost::, not qvehost::internal::), and nothing else; the
-# contract list names only operations that host.h declares.
+# The host library exports the operations host.h (with the host_*.h it
+# includes) declares and the C++ API of embedded.h (qvehost::, not
+# qvehost::internal::), and nothing else; the contract list names only
+# operations that those headers declare.
 set -euo pipefail
 lib=$1 header=$2 contract=$3
-declared=$(grep -oE '\b(qve|sqve|qvl|strcaseeq|csidlookup)[A-Za-z0-9_]*\(' "$header" |
+declared=$(grep -ohE '\b(qve|sqve|qvl|strcaseeq|csidlookup)[A-Za-z0-9_]*\(' \
+             "$header" "${header%.h}"_*.h |
            tr -d '(' | sort -u)
 defined=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort -u)
 fail=0
