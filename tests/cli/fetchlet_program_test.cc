@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "common/processes.h"
 #include "common/run_support.h"
 #include "host/launcher_support.h"
 
@@ -29,19 +30,7 @@ const std::string kOut = TempPath("out"), kErr = TempPath("err");
 // Starts the program with its standard output and error in the two files.
 pid_t Start(Strings args) {
   args.insert(args.begin(), QVE_FETCHLET_BIN);
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (const auto& [fd, path] : {std::pair{1, &kOut}, std::pair{2, &kErr}}) {
-    posix_spawn_file_actions_addopen(&actions, fd, path->c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  }
-  pid_t pid = -1;
-  posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
+  return qvetest::SpawnWithOutput(std::move(args), kOut, kErr);
 }
 
 // The exit status (1000 + the signal for a death by signal).

@@ -3,7 +3,9 @@
 #ifndef QVE_TESTS_COMMON_PROCESSES_H_
 #define QVE_TESTS_COMMON_PROCESSES_H_
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,6 +35,30 @@ inline ProcessPtr StartPiped(std::vector<std::string> argv) {
       sqvejcp_Process_delete);
   EXPECT_EQ(sqvejcp_Process_run_need_pipes(process.get(), QVE_STREAM_ALL), 0);
   return process;
+}
+
+// Starts argv with standard output written to the file out and standard
+// error to err (one file when they are the same path); -1 when it cannot.
+inline pid_t SpawnWithOutput(std::vector<std::string> argv,
+                             const std::string& out, const std::string& err) {
+  std::vector<char*> args;
+  for (std::string& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), kFlags, 0600);
+  if (err == out) {
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), kFlags, 0600);
+  }
+  pid_t pid = -1;
+  if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ)) {
+    pid = -1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
 }
 
 // This process's open descriptors. The listing's own is among them, the

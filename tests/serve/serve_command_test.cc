@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/processes.h"
 #include "tests/serve/serve_runtime_support.h"
 #include "tests/serve/serve_wire_support.h"
 
@@ -27,18 +28,7 @@ class ServeProcess {
  public:
   ServeProcess(std::vector<std::string> args, const std::string& log) {
     args.insert(args.begin(), {QVE_FETCHLET_BIN, "serve"});
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ)) {
-      pid_ = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
+    pid_ = qvetest::SpawnWithOutput(std::move(args), log, log);
   }
   ~ServeProcess() {
     if (pid_ > 0) kill(pid_, SIGKILL);

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/processes.h"
 #include "serve_test_support.h"
 
 extern char** environ;
@@ -25,25 +26,14 @@ struct Outcome {
 
 Outcome RunFetchlet(std::vector<std::string> args) {
   args.insert(args.begin(), QVE_FETCHLET_BIN);
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
   const std::string out = ServeTempPath("out"), err = ServeTempPath("err");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  pid_t pid = -1;
+  const pid_t pid = qvetest::SpawnWithOutput(std::move(args), out, err);
   Outcome outcome;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) ==
-      0) {
+  if (pid > 0) {
     int status = 0;
     waitpid(pid, &status, 0);
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  posix_spawn_file_actions_destroy(&actions);
   outcome.out = ReadServeFile(out);
   std::istringstream lines(ReadServeFile(err));
   for (std::string line; std::getline(lines, line);) {
