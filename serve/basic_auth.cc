@@ -109,12 +109,6 @@ bool BasicAuth::Verify(const std::string& user,
   return match;
 }
 
-void RequireBasicAuth(httplib::Server& server,
-                      std::shared_ptr<const BasicAuth> auth) {
-  if (auth->Open()) return;
-  RequireBasicAuth(server, [auth] { return auth; });
-}
-
 void RequireBasicAuth(httplib::Server& server, BasicAuthSource source) {
   server.set_pre_routing_handler(
       [source = std::move(source)](const httplib::Request& request,

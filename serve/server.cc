@@ -87,7 +87,7 @@ bool Server::Start(std::string* error) {
     *error = "cannot use web configuration " + web_config_path_;
     return false;
   }
-  auth_ = std::make_shared<BasicAuth>(web_->basic_auth_users);
+  auth_ = std::make_shared<BasicAuth>(std::move(web_->basic_auth_users));
   qvehost::SetOutputLimit(config_->output_limit);
   const int workers = config_->max_concurrent > 0
                           ? config_->max_concurrent
@@ -146,10 +146,9 @@ bool Server::ReloadWeb() {
   if (web->tls != web_->tls) {
     spdlog::warn("tls_server_config changes only on restart");
   }
-  auto auth = std::make_shared<const BasicAuth>(web->basic_auth_users);
+  auto auth = std::make_shared<const BasicAuth>(std::move(web->basic_auth_users));
   std::lock_guard lock(auth_mutex_);
   auth_ = std::move(auth);
-  web_->basic_auth_users = std::move(web->basic_auth_users);
   return true;
 }
 

@@ -61,7 +61,7 @@ class Server {
   const std::string listen_override_;
   const EntryPointFinder finder_;
   const std::string web_config_path_;
-  std::optional<WebConfig> web_;
+  std::optional<WebConfig> web_;  // its users moved to auth_
   mutable std::mutex auth_mutex_;
   std::shared_ptr<const BasicAuth> auth_;  // guarded by auth_mutex_
   std::string host_;

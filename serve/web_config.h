@@ -92,17 +92,12 @@ class BasicAuth {
   mutable std::size_t hashes_computed_ = 0;
 };
 
-// Answers 401 with a Basic challenge to every request that auth does not
-// allow, before routing. Does nothing when auth is open.
-void RequireBasicAuth(httplib::Server& server,
-                      std::shared_ptr<const BasicAuth> auth);
-
 // The users in force for each request, so that a reload can change them
 // while the server runs.
 using BasicAuthSource = std::function<std::shared_ptr<const BasicAuth>()>;
 
-// As above, asking source on every request; installed even while the
-// users are none, since a reload may add some.
+// Answers 401 with a Basic challenge, before routing, to every request that
+// the users source gives do not allow (an open set allows all).
 void RequireBasicAuth(httplib::Server& server, BasicAuthSource source);
 
 }  // namespace fetchlet::serve

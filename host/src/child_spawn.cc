@@ -1,12 +1,5 @@
 // Starting a child: pipes, the plan of what the child does, the clone
-// (straight into the run's cgroup when there is one) and the wait for its
-// exec.
-//
-// clone3 rather than posix_spawn: only it puts the child in its cgroup before
-// the command runs, so that no fast double fork escapes. It also hands back
-// a pidfd, which keeps the exit status when a host that ignores SIGCHLD has
-// its children reaped by the kernel (an exit signal other than SIGCHLD would
-// not help: exec sets it back). Both containments start children this way.
+// (clone_child.cc says why clone3, and how) and the wait for its exec.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

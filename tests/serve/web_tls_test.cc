@@ -52,8 +52,8 @@ class WebTlsTest : public testing::Test {
     std::string error;
     server_ = MakeHttpServer(*web, &error);
     ASSERT_NE(server_, nullptr) << error;
-    RequireBasicAuth(*server_,
-                     std::make_shared<BasicAuth>(web->basic_auth_users));
+    auto auth = std::make_shared<const BasicAuth>(web->basic_auth_users);
+    RequireBasicAuth(*server_, [auth] { return auth; });
     server_->Get("/metrics", [](const httplib::Request&, httplib::Response& r) {
       r.set_content("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
     });
