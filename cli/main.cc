@@ -266,6 +266,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   fetchlet::BlockInterrupts();
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "fetchlet " QVE_PROJECT_VERSION);
   fetchlet::Options options;
   options.argvPasswords = fetchlet::TakePasswordArguments(argc, argv);
   if (!options.argvPasswords.empty()) std::cerr << fetchlet::kPasswordWarning;

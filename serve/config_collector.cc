@@ -60,8 +60,10 @@ void ReadPassword(YamlReader& reader, const YamlReader::Entry& entry,
   if (entry.key == "password_credential") {
     const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
     if (directory == nullptr || *directory == '\0') {
-      reader.Problem(entry.value, "password_credential needs "
-                                  "$CREDENTIALS_DIRECTORY");
+      reader.Problem(entry.value,
+                     "password_credential needs $CREDENTIALS_DIRECTORY, which "
+                     "systemd's LoadCredential= sets; started by hand, use "
+                     "password_file");
       return;
     }
     if (path.empty() || path.find('/') != std::string::npos || path == "." ||

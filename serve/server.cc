@@ -101,7 +101,21 @@ bool Server::Start(std::string* error) {
     return false;
   }
   spdlog::info("{}", Status());
+  LogContainment();
   return true;
+}
+
+// Said once at the default level: without cgroups an operator must know
+// that a command's escaped descendants outlive its run.
+void Server::LogContainment() {
+  if (qvehost::CgroupContainment()) {
+    spdlog::info("containment: each command runs in a cgroup of its own; "
+                 "every process it starts ends with its run");
+  } else {
+    spdlog::warn("containment: process groups only (no writable cgroup v2 "
+                 "hierarchy); a process that leaves its command's group, "
+                 "such as a daemon or a setsid child, outlives its run");
+  }
 }
 
 // Bound and listening when it returns true: a client may connect at once.
@@ -130,8 +144,10 @@ bool Server::Listen(const std::string& listen, std::string* error) {
 }
 
 std::string Server::Status() const {
-  return "serving " + std::to_string(config_->collectors.size()) +
-         " collectors on " + host_ + ":" + std::to_string(port_);
+  const size_t count = config_->collectors.size();
+  return "serving " + std::to_string(count) +
+         (count == 1 ? " collector on " : " collectors on ") + host_ + ":" +
+         std::to_string(port_);
 }
 
 // Users may change at once; certificates are in the listener's TLS context,

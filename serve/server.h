@@ -53,6 +53,7 @@ class Server {
   std::optional<Config> Load();
   std::optional<WebConfig> LoadWeb() const;
   bool Listen(const std::string& listen, std::string* error);
+  static void LogContainment();
   bool ReloadWeb();
   std::shared_ptr<const BasicAuth> auth() const;
   bool Collectors(const Config& config, std::vector<CollectorPtr>* out);

@@ -11,6 +11,9 @@ cd /tmp/debs
 fail() { echo "FAILED: $*" >&2; exit 1; }
 export DEBIAN_FRONTEND=noninteractive
 
+# The README's systemctl, where no systemd runs: prometheus is started below.
+systemctl() { :; }
+
 # The README's sudo, for a root shell without it.
 sudo() {
   if [ "$1" = -u ]; then
@@ -31,6 +34,11 @@ readme_block() {
     inside { print }' "$readme"
 }
 
+# The README's commands must work where the machine's name does not resolve.
+if hostname -f >/dev/null 2>&1; then
+  fail "the host name $(hostname) resolves here: run with a made-up name"
+fi
+
 # A fresh machine: tests may have left a PAM service and a user behind.
 rm -f /etc/pam.d/fetchlet-launch
 rm -rf /etc/fetchlet
@@ -40,14 +48,13 @@ apt-get install -y -q ./libqvehost0_*.deb ./fetchlet_*.deb </dev/null >/dev/null
 verify=$(systemd-analyze verify --man=no /lib/systemd/system/fetchlet.service 2>&1)
 [ -z "$verify" ] || fail "systemd-analyze verify: $verify"
 
-for section in Configuration Certificates; do
+for section in Configuration Certificates "Web configuration"; do
   commands=$(readme_block "$section")
   [ -n "$commands" ] || fail "no commands under $section in the README"
   echo "== README: $section"
   (eval "$commands") >/tmp/$section.log 2>&1 ||
     fail "$section: $(cat /tmp/$section.log)"
 done
-cp /usr/share/doc/fetchlet/examples/web.yml /etc/fetchlet/tls/web.yml
 promtool check web-config /etc/fetchlet/tls/web.yml >/dev/null ||
   fail "promtool rejects the example web configuration"
 
@@ -75,28 +82,16 @@ done
 [ "$(status --user 'prometheus:change me' || true)" = 000 ] ||
   fail "a scrape without a client certificate got an answer"
 
-echo "== prometheus scrapes over TLS with a certificate and a password"
+echo "== README: Prometheus, then prometheus scrapes over TLS as its user"
+commands=$(readme_block Prometheus)
+(eval "$commands") >/tmp/Prometheus.log 2>&1 ||
+  fail "Prometheus: $(cat /tmp/Prometheus.log)"
 p=/tmp/prometheus
-mkdir -p $p
-cp $tls/ca.crt $tls/prometheus.crt $tls/prometheus.key $p/
-printf 'change me' >$p/password
-cat >$p/prometheus.yml <<EOF
-global: {scrape_interval: 1s}
-scrape_configs:
-  - job_name: fetchlet
-    scheme: https
-    tls_config:
-      ca_file: $p/ca.crt
-      cert_file: $p/prometheus.crt
-      key_file: $p/prometheus.key
-    basic_auth:
-      username: prometheus
-      password_file: $p/password
-    static_configs:
-      - targets: ['localhost:9874']
-EOF
-prometheus --config.file=$p/prometheus.yml --storage.tsdb.path=$p/data \
-  --web.listen-address=127.0.0.1:19090 >$p/log 2>&1 &
+mkdir -p $p && chown prometheus $p
+# Debian's file as the README left it, scraped every second.
+sed 's/^\(  scrape_interval:\).*/\1 1s/' /etc/prometheus/prometheus.yml >$p/prometheus.yml
+runuser -u prometheus -- prometheus --config.file=$p/prometheus.yml \
+  --storage.tsdb.path=$p/data --web.listen-address=127.0.0.1:19090 >$p/log 2>&1 &
 prometheus=$!
 query='http://127.0.0.1:19090/api/v1/query?query=fetchlet_collector_up'
 for _ in $(seq 200); do

@@ -234,7 +234,9 @@ TEST(ServeConfigTest, CredentialsComeFromTheServiceDirectoryOnly) {
       "    regex: 'x'\n    metrics: [{name: v, help: h, value: {column: 0}}]\n";
   unsetenv("CREDENTIALS_DIRECTORY");
   EXPECT_EQ(Load(std::regex_replace(text, std::regex("NAME"), "pw")),
-            Lines{"F:6:26: password_credential needs $CREDENTIALS_DIRECTORY"});
+            Lines{"F:6:26: password_credential needs $CREDENTIALS_DIRECTORY, "
+                  "which systemd's LoadCredential= sets; started by hand, "
+                  "use password_file"});
   setenv("CREDENTIALS_DIRECTORY", directory.c_str(), 1);
   EXPECT_EQ(Load(std::regex_replace(text, std::regex("NAME"), "../pw")),
             Lines{"F:6:26: invalid credential name '../pw'"});

@@ -19,6 +19,9 @@ FETCHLET = sys.argv[1]
 WORK = tempfile.mkdtemp(prefix="fetchlet-real-clients-")
 FLAG = os.path.join(WORK, "flaky")
 HOSTILE = os.path.join(WORK, "hostile.sh")
+# A table shaped like df -P's, so the test never depends on what the machine
+# mounts.
+FILESYSTEMS = os.path.join(WORK, "filesystems.txt")
 OM = "application/openmetrics-text; version=1.0.0"
 
 
@@ -64,9 +67,8 @@ collectors:
   - name: filesystem
     kind: oslinetoken
     properties:
-      command: /bin/df -P -x tmpfs -x devtmpfs
+      command: /bin/cat {filesystems}
       delimiter: " "
-      ENVLC_ALL: C
     interval: 1s
     table: {{skip_rows: 1, drop_empty_fields: true}}
     metrics:
@@ -120,6 +122,9 @@ def check_parsers(base):
     names = {f.name: f for f in families}
     assert len(names["generated_value"].samples) == 1000
     assert names["fs_size_bytes"].unit == "bytes"
+    sizes = {s.labels["mountpoint"]: s.value
+             for s in names["fs_size_bytes"].samples}
+    assert sizes == {"/": 1024000000.0, "/srv": 20971520.0}, sizes
     assert names["fetchlet_collector_failures"].type == "counter"
     assert names["fetchlet_build"].type == "info"
 
@@ -145,10 +150,15 @@ def main():
     write_hostile_script()
     with open(FLAG, "w") as f:
         f.write("42\n")
+    with open(FILESYSTEMS, "w") as f:
+        f.write("Filesystem     1024-blocks  Used Available Capacity Mounted on\n"
+                "/dev/vda1         1000000 250000    750000      25% /\n"
+                "/dev/vdb1           20480  20480         0     100% /srv data\n")
     serve_port, prom_port = free_port(), free_port()
     config = os.path.join(WORK, "serve.yaml")
     with open(config, "w") as f:
-        f.write(CONFIG.format(port=serve_port, flag=FLAG, hostile=HOSTILE))
+        f.write(CONFIG.format(port=serve_port, flag=FLAG, hostile=HOSTILE,
+                              filesystems=FILESYSTEMS))
     with open(os.path.join(WORK, "prometheus.yml"), "w") as f:
         f.write("global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
                 "scrape_configs:\n  - job_name: fetchlet\n"

@@ -90,7 +90,8 @@ class ServeCommandTest : public testing::Test {
 
   std::string Status(int count, const std::string& more = "") {
     return "STATUS=serving " + std::to_string(count) +
-           " collectors on 127.0.0.1:" + std::to_string(port_) + more;
+           (count == 1 ? " collector" : " collectors") + " on 127.0.0.1:" +
+           std::to_string(port_) + more;
   }
 
   std::string Log() { return qvetest::ReadServeFile(dir_ + "/serve.log"); }
