@@ -52,8 +52,8 @@ for section in Configuration Certificates "Web configuration"; do
   commands=$(readme_block "$section")
   [ -n "$commands" ] || fail "no commands under $section in the README"
   echo "== README: $section"
-  (eval "$commands") >/tmp/$section.log 2>&1 ||
-    fail "$section: $(cat /tmp/$section.log)"
+  (eval "$commands") >"/tmp/$section.log" 2>&1 ||
+    fail "$section: $(cat "/tmp/$section.log")"
 done
 promtool check web-config /etc/fetchlet/tls/web.yml >/dev/null ||
   fail "promtool rejects the example web configuration"
