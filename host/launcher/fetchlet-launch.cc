@@ -7,8 +7,8 @@
 // nothing but the command, the command's environment and the credentials:
 // its settings come from a root-owned file, it authenticates with a clean
 // environment, sane limits and umask of its own, it can be neither traced nor
-// made to dump core, and a wrong password costs a caller other than root a
-// fixed delay.
+// made to dump core, and every failure costs a caller other than root the
+// same delay and the same message, which no kill of the launcher skips.
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/auxv.h>
@@ -44,8 +44,12 @@ constexpr size_t kMaxConfig = size_t{64} << 10;
 constexpr char kInvalidRequest[] = "Invalid request to the launcher";
 constexpr char kBadConfig[] = "Launcher configuration is not valid";
 constexpr char kUnsafeConfig[] = "Launcher configuration is not secure";
+constexpr char kLimitsRefused[] = "Launcher limits could not be set";
+constexpr char kRecordRefused[] = "Launcher record of failures is not usable";
+constexpr char kAuthFailed[] = "Authentication failed";
 constexpr char kUnknownUser[] = "Authentication failed: unknown user";
 constexpr char kRootRefused[] = "Running commands as root is not permitted";
+constexpr char kShellRefused[] = "Login shell not permitted";
 
 constexpr unsigned kDefaultFailDelay = 3;
 constexpr unsigned kMaxFailDelay = 3600;
@@ -54,6 +58,7 @@ struct Settings {
   std::string service = kDefaultService;
   std::string pam_dir;  // empty: PAM's own directories
   bool allow_root = false;
+  bool allow_nologin = false;  // login shells not in /etc/shells
   unsigned fail_delay = kDefaultFailDelay;  // seconds
 };
 
@@ -101,6 +106,12 @@ bool ParseSeconds(std::string_view text, unsigned* seconds) {
   return true;
 }
 
+bool ParseYesNo(std::string_view text, bool* yes) {
+  if (text != "yes" && text != "no") return false;
+  *yes = text == "yes";
+  return true;
+}
+
 // "key = value" lines; '#' starts a comment. Unknown keys are errors, so
 // that a misspelt setting is not silently ignored.
 bool ParseSettings(std::string_view text, Settings* settings) {
@@ -118,8 +129,9 @@ bool ParseSettings(std::string_view text, Settings* settings) {
       settings->service.assign(value);
     } else if (key == "pam_dir" && value.starts_with('/')) {
       settings->pam_dir.assign(value);
-    } else if (key == "allow_root" && (value == "yes" || value == "no")) {
-      settings->allow_root = value == "yes";
+    } else if (key == "allow_root" && ParseYesNo(value, &settings->allow_root)) {
+    } else if (key == "allow_nologin" &&
+               ParseYesNo(value, &settings->allow_nologin)) {
     } else if (key == "fail_delay" &&
                ParseSeconds(value, &settings->fail_delay)) {
     } else {
@@ -227,6 +239,31 @@ bool LookUp(const char* user, Account* account) {
   return true;
 }
 
+// As su and login judge it: an empty shell is /bin/sh.
+bool ListedShell(const std::string& shell) {
+  const std::string_view wanted = shell.empty() ? "/bin/sh" : shell;
+  setusershell();
+  bool listed = false;
+  while (const char* entry = getusershell()) {
+    if (wanted == entry) listed = true;
+  }
+  endusershell();
+  return listed;
+}
+
+// Null when user may run commands, with the PAM transaction left open; else
+// the text for a root caller.
+const char* CheckUser(const Settings& settings, const Request& request,
+                      Account* account, PamTransaction* transaction) {
+  if (!LookUp(request.user, account)) return kUnknownUser;
+  if (account->uid == 0 && !settings.allow_root) return kRootRefused;
+  if (!settings.allow_nologin && !ListedShell(account->shell)) {
+    return kShellRefused;
+  }
+  return Authenticate(settings.service, settings.pam_dir, request.user,
+                      request.password, transaction);
+}
+
 // Descriptors 0 to 2 must be open, or a descriptor opened later could take
 // the place of one of them in the command.
 void SecureDescriptors() {
@@ -272,30 +309,55 @@ int ParseArguments(int argc, char** argv, std::string* config) {
   return next + 1;
 }
 
+// What the caller owes before its answer: nothing for root, who could run
+// anything anyway; for anyone else the delay, kept in the root-owned record
+// when the launcher has the privilege to keep one.
+int64_t Owe(bool installed, unsigned delay, FailureRecord* record) {
+  if (getuid() == 0) return 0;
+  int64_t deadline = BootNanos() + int64_t{delay} * 1000000000;
+  if (installed &&
+      (!record->Open(getuid()) || !record->PayAndOwe(delay, &deadline))) {
+    Refuse(kRecordRefused);
+  }
+  return deadline;
+}
+
+// The stack is among them: a caller's hard stack limit of a few pages would
+// crash the launcher in PAM, and only once the password was right.
 constexpr CallerLimits::Limit kOwnLimits[] = {
-    {RLIMIT_FSIZE, RLIM_INFINITY}, {RLIMIT_CPU, RLIM_INFINITY},
-    {RLIMIT_AS, RLIM_INFINITY},    {RLIMIT_DATA, RLIM_INFINITY},
-    {RLIMIT_NOFILE, 1024},         {RLIMIT_CORE, 0}};
+    {RLIMIT_FSIZE, RLIM_INFINITY},   {RLIMIT_CPU, RLIM_INFINITY},
+    {RLIMIT_AS, RLIM_INFINITY},      {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_STACK, rlim_t{8} << 20}, {RLIMIT_NOFILE, 1024},
+    {RLIMIT_CORE, 0}};
 static_assert(std::size(kOwnLimits) == CallerLimits::kCount);
 
 }  // namespace
 
-void CallerLimits::Replace() {
+// A hard limit is only ever raised (which takes CAP_SYS_RESOURCE), never
+// lowered, so that the limits in force can always be put back.
+bool CallerLimits::Replace() {
   for (size_t i = 0; i < kCount; ++i) {
-    getrlimit(kOwnLimits[i].resource, &saved_[i]);
-    const rlimit own{kOwnLimits[i].value, kOwnLimits[i].value};
-    setrlimit(kOwnLimits[i].resource, &own);
+    const int resource = kOwnLimits[i].resource;
+    if (getrlimit(resource, &saved_[i]) != 0) return false;
+    const rlim_t value = kOwnLimits[i].value;
+    const rlim_t hard = saved_[i].rlim_max;
+    const rlimit own{value, value == RLIM_INFINITY || hard == RLIM_INFINITY
+                                ? RLIM_INFINITY
+                                : std::max(value, hard)};
+    if (setrlimit(resource, &own) != 0) return false;
   }
   umask_ = umask(022);
   replaced_ = true;
+  return true;
 }
 
-void CallerLimits::Restore() const {
-  if (!replaced_) return;
+bool CallerLimits::Restore() const {
+  if (!replaced_) return true;
   for (size_t i = 0; i < kCount; ++i) {
-    setrlimit(kOwnLimits[i].resource, &saved_[i]);
+    if (setrlimit(kOwnLimits[i].resource, &saved_[i]) != 0) return false;
   }
   umask(umask_);
+  return true;
 }
 
 // Allocation-free: the child of vfork reports through it too.
@@ -325,7 +387,7 @@ int main(int argc, char** argv) {
   SecureDescriptors();
   OwnEnvironment();
   CallerLimits limits;
-  if (installed) limits.Replace();
+  if (installed && !limits.Replace()) Refuse(kLimitsRefused);
   std::string config;
   const int command = ParseArguments(argc, argv, &config);
   if (command == 0) Refuse(kInvalidRequest);
@@ -336,21 +398,18 @@ int main(int argc, char** argv) {
   }
   Request request;
   if (!ReadRequest(&request)) Refuse(kInvalidRequest);
-  // Root could do anything anyway; anyone else pays for each wrong guess.
-  const unsigned fail_delay = getuid() == 0 ? 0 : settings.fail_delay;
+  FailureRecord record;
+  const int64_t deadline = Owe(installed, settings.fail_delay, &record);
   Account account;
   PamTransaction transaction;
-  const char* failure = nullptr;
-  if (!LookUp(request.user, &account)) {
-    failure = kUnknownUser;
-    PauseAfterFailure(fail_delay);
-  } else if (account.uid == 0 && !settings.allow_root) {
-    failure = kRootRefused;
-  } else {
-    failure = Authenticate(settings.service, settings.pam_dir, request.user,
-                           request.password, fail_delay, &transaction);
-  }
+  const char* failure = CheckUser(settings, request, &account, &transaction);
   request.WipePassword();
-  if (failure != nullptr) Refuse(failure);
-  RunCommand(account, argv + command, request.env, limits, &transaction);
+  if (failure != nullptr) {
+    // No answer before it is due, and one answer for every failure: which
+    // of them it was would tell a guesser whether the password was right.
+    SleepUntil(deadline);
+    Refuse(getuid() == 0 ? failure : kAuthFailed);
+  }
+  record.Clear();
+  RunCommand(account, argv + command, request.env, &limits, &transaction);
 }
