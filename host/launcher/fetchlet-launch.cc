@@ -335,15 +335,14 @@ static_assert(std::size(kOwnLimits) == CallerLimits::kCount);
 
 // A hard limit is only ever raised (which takes CAP_SYS_RESOURCE), never
 // lowered, so that the limits in force can always be put back.
-bool CallerLimits::Replace() {
+bool CallerLimits::Take(bool raise) {
   for (size_t i = 0; i < kCount; ++i) {
     const int resource = kOwnLimits[i].resource;
     if (getrlimit(resource, &saved_[i]) != 0) return false;
     const rlim_t value = kOwnLimits[i].value;
-    const rlim_t hard = saved_[i].rlim_max;
-    const rlimit own{value, value == RLIM_INFINITY || hard == RLIM_INFINITY
-                                ? RLIM_INFINITY
-                                : std::max(value, hard)};
+    const rlim_t hard = saved_[i].rlim_max;  // RLIM_INFINITY is the largest
+    const rlimit own = raise ? rlimit{value, std::max(value, hard)}
+                             : rlimit{std::min(value, hard), hard};
     if (setrlimit(resource, &own) != 0) return false;
   }
   umask_ = umask(022);

@@ -288,13 +288,13 @@ void RunCommand(const Account& account, char** argv,
   std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
   // The caller's limits go back before the session opens, so that the
   // session's (pam_limits) come on top of them; what the command is to get
-  // is then kept, and the launcher takes its own again.
+  // is then kept, and the launcher takes its own again as far as it may.
   if (!TakeGroups(account) || !limits->Restore()) {
     EndTransaction(transaction);
     Refuse(kSwitchRefused);
   }
   if (const char* failure = OpenSession(transaction)) Refuse(failure);
-  if (limits->replaced() && !limits->Replace()) {
+  if (limits->replaced() && !limits->KeepForCommand()) {
     CloseSession(transaction);
     Refuse(kSwitchRefused);
   }

@@ -36,15 +36,22 @@ class CallerLimits {
   };
   static constexpr size_t kCount = 7;
 
-  // Keeps the limits in force and puts the launcher's own in their place;
-  // false when one cannot be read or set.
-  [[nodiscard]] bool Replace();
+  // Keeps the limits in force and puts the launcher's own in their place,
+  // raising a hard limit where one is lower; false when one cannot be read
+  // or set.
+  [[nodiscard]] bool Replace() { return Take(true); }
+  // Keeps the limits in force (the session's) for the command, and takes the
+  // launcher's own as far as the hard limits allow: once the command runs
+  // the launcher only waits and closes the session.
+  [[nodiscard]] bool KeepForCommand() { return Take(false); }
   // Puts back what Replace kept; false when one cannot be set. System calls
   // only: the child of vfork calls it.
   [[nodiscard]] bool Restore() const;
   bool replaced() const { return replaced_; }
 
  private:
+  bool Take(bool raise);
+
   rlimit saved_[kCount] = {};
   mode_t umask_ = 022;
   bool replaced_ = false;
