@@ -124,10 +124,10 @@ inline std::string ReadToEnd(int fd) {
   return text;
 }
 
-// In the child: from onto to, without close-on-exec.
-inline bool MoveTo(int from, int to) {
-  return from == to ? fcntl(to, F_SETFD, 0) == 0 : dup2(from, to) == to;
-}
+// In the child: from onto to, without close-on-exec; from is above 4.
+inline bool MoveTo(int from, int to) { return dup2(from, to) == to; }
+
+inline int Above4(int fd) { return fcntl(fd, F_DUPFD_CLOEXEC, 5); }
 
 [[noreturn]] inline void ExecAttempt(const LaunchAttempt& a, int request,
                                      int verdict, int out) {
@@ -135,8 +135,13 @@ inline bool MoveTo(int from, int to) {
   args.insert(args.end(), a.argv.begin(), a.argv.end());
   std::vector<char*> argv = Pointers(args);
   char* env[] = {nullptr};
-  const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  bool ready = MoveTo(null, 0) && MoveTo(out, 1) && MoveTo(out, 2) &&
+  // Above 4 first, so that no move overwrites a descriptor still to move.
+  const int null = Above4(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  out = Above4(out);
+  request = Above4(request);
+  verdict = Above4(verdict);
+  bool ready = null >= 0 && out >= 0 && request >= 0 && verdict >= 0 &&
+               MoveTo(null, 0) && MoveTo(out, 1) && MoveTo(out, 2) &&
                MoveTo(request, 3) && MoveTo(verdict, 4);
   for (const auto& [resource, limit] : a.limits) {
     ready = ready && setrlimit(resource, &limit) == 0;
