@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -109,6 +111,8 @@ TEST_F(LauncherAttackTest, CommandReachesNoTerminalOfTheCaller) {
       "set -- $(cat /proc/$$/stat); [ \"$6\" = $$ ] && echo own session; "
       "echo tty $7; exec perl -e \"$0\"";
   const std::string report = InChild([&] {
+    // A command that took the terminal could stop the run: end it instead.
+    alarm(30);
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
         setsid() < 0) {
@@ -189,6 +193,23 @@ TEST_F(LauncherAttackTest, KilledGuesserStillPaysTheDelay) {
     EXPECT_EQ(next.Tuple(), c.want);
     EXPECT_GE(first.seconds + next.seconds, c.least_seconds) << c.password;
   }
+}
+
+// Tries of one caller started together take turns: the second answers a
+// whole delay after the first.
+TEST_F(LauncherAttackTest, ParallelTriesOfOneCallerTakeTurns) {
+  LaunchOutcome outcomes[2];
+  {
+    std::thread other([&] {
+      outcomes[1] = Attempt(As(StrangerUid(), "wrong-1", {"id"}));
+    });
+    outcomes[0] = Attempt(As(StrangerUid(), "wrong-0", {"id"}));
+    other.join();
+  }
+  for (const LaunchOutcome& outcome : outcomes) {
+    EXPECT_EQ(outcome.Tuple(), Outcome(kFailed, "", Refused()));
+  }
+  EXPECT_GE(std::max(outcomes[0].seconds, outcomes[1].seconds), 2 * kDelay);
 }
 
 // Only shells of /etc/shells, unless the settings allow the others.
