@@ -57,6 +57,20 @@ class CallerLimits {
   bool replaced_ = false;
 };
 
+struct Settings {
+  std::string service = "fetchlet-launch";  // the PAM service
+  std::string pam_dir;  // empty: PAM's own directories
+  bool allow_root = false;
+  bool allow_nologin = false;  // login shells not in /etc/shells
+  unsigned fail_delay = 3;     // seconds
+};
+
+// Reads the settings at path into *settings (a missing file leaves the
+// defaults); null, or the text to report. A privileged launcher takes only
+// files and a pam_dir that root owns and only root may write.
+const char* ReadSettings(const std::string& path, bool privileged,
+                         Settings* settings);
+
 struct Account {
   std::string name;
   std::string home;
