@@ -7,8 +7,8 @@
 // nothing but the command, the command's environment and the credentials:
 // its settings come from a root-owned file, it authenticates with a clean
 // environment, sane limits and umask of its own, it can be neither traced nor
-// made to dump core, and a wrong password costs a caller other than root a
-// fixed delay.
+// made to dump core, and every failure costs a caller other than root the
+// same delay and the same message, which no kill of the launcher skips.
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/auxv.h>
@@ -36,26 +36,16 @@ namespace qvelaunch {
 namespace {
 
 constexpr char kDefaultConfig[] = QVE_LAUNCHER_CONFIG;
-constexpr char kDefaultService[] = "fetchlet-launch";
 // For PAM modules that run helpers.
 constexpr char kOwnPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-constexpr size_t kMaxConfig = size_t{64} << 10;
 
 constexpr char kInvalidRequest[] = "Invalid request to the launcher";
-constexpr char kBadConfig[] = "Launcher configuration is not valid";
-constexpr char kUnsafeConfig[] = "Launcher configuration is not secure";
+constexpr char kLimitsRefused[] = "Launcher limits could not be set";
+constexpr char kRecordRefused[] = "Launcher record of failures is not usable";
+constexpr char kAuthFailed[] = "Authentication failed";
 constexpr char kUnknownUser[] = "Authentication failed: unknown user";
 constexpr char kRootRefused[] = "Running commands as root is not permitted";
-
-constexpr unsigned kDefaultFailDelay = 3;
-constexpr unsigned kMaxFailDelay = 3600;
-
-struct Settings {
-  std::string service = kDefaultService;
-  std::string pam_dir;  // empty: PAM's own directories
-  bool allow_root = false;
-  unsigned fail_delay = kDefaultFailDelay;  // seconds
-};
+constexpr char kShellRefused[] = "Login shell not permitted";
 
 // The request of descriptor 3. The buffer is allocated once at its full
 // size, so that no reallocation leaves a copy of the password behind.
@@ -70,112 +60,6 @@ struct Request {
     if (password != nullptr) explicit_bzero(password, std::strlen(password));
   }
 };
-
-std::string_view Trim(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t\r";
-  const size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
-bool ValidServiceName(std::string_view name) {
-  if (name.empty() || name.size() > 64) return false;
-  for (char c : name) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                       (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-                       c == '.';
-    if (!plain) return false;
-  }
-  return name[0] != '.';
-}
-
-bool ParseSeconds(std::string_view text, unsigned* seconds) {
-  if (text.empty() || text.size() > 4) return false;
-  unsigned value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    value = value * 10 + static_cast<unsigned>(c - '0');
-  }
-  if (value > kMaxFailDelay) return false;
-  *seconds = value;
-  return true;
-}
-
-// "key = value" lines; '#' starts a comment. Unknown keys are errors, so
-// that a misspelt setting is not silently ignored.
-bool ParseSettings(std::string_view text, Settings* settings) {
-  while (!text.empty()) {
-    const size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    line = Trim(line.substr(0, line.find('#')));
-    if (line.empty()) continue;
-    const size_t equals = line.find('=');
-    if (equals == std::string_view::npos) return false;
-    const std::string_view key = Trim(line.substr(0, equals));
-    const std::string_view value = Trim(line.substr(equals + 1));
-    if (key == "service" && ValidServiceName(value)) {
-      settings->service.assign(value);
-    } else if (key == "pam_dir" && value.starts_with('/')) {
-      settings->pam_dir.assign(value);
-    } else if (key == "allow_root" && (value == "yes" || value == "no")) {
-      settings->allow_root = value == "yes";
-    } else if (key == "fail_delay" &&
-               ParseSeconds(value, &settings->fail_delay)) {
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
-
-// PAM reads every service file of the directory as root: a privileged
-// launcher takes it only when root owns it and only root may write to it.
-const char* CheckPamDir(const std::string& dir, bool privileged) {
-  struct stat info;
-  if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    return kBadConfig;
-  }
-  if (privileged &&
-      (info.st_uid != 0 || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
-    return kUnsafeConfig;
-  }
-  return nullptr;
-}
-
-// A missing file leaves the defaults. A privileged launcher takes its
-// settings only from a regular file that root owns and only root may write.
-const char* ReadSettings(const std::string& path, bool privileged,
-                         Settings* settings) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return errno == ENOENT ? nullptr : kBadConfig;
-  struct stat info;
-  const char* failure = nullptr;
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    failure = kBadConfig;
-  } else if (privileged &&
-             (info.st_uid != 0 || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
-    failure = kUnsafeConfig;
-  }
-  std::string text;
-  char chunk[4096];
-  while (failure == nullptr) {
-    const ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) continue;
-    if (n == 0) break;
-    if (n < 0 || text.size() + static_cast<size_t>(n) > kMaxConfig) {
-      failure = kBadConfig;
-    } else {
-      text.append(chunk, static_cast<size_t>(n));
-    }
-  }
-  close(fd);
-  if (failure == nullptr && !ParseSettings(text, settings)) failure = kBadConfig;
-  if (failure == nullptr && !settings->pam_dir.empty()) {
-    failure = CheckPamDir(settings->pam_dir, privileged);
-  }
-  return failure;
-}
 
 bool ReadAll(int fd, Request* request) {
   request->bytes = static_cast<char*>(std::malloc(kMaxRequest));
@@ -227,6 +111,31 @@ bool LookUp(const char* user, Account* account) {
   return true;
 }
 
+// As su and login judge it: an empty shell is /bin/sh.
+bool ListedShell(const std::string& shell) {
+  const std::string_view wanted = shell.empty() ? "/bin/sh" : shell;
+  setusershell();
+  bool listed = false;
+  while (const char* entry = getusershell()) {
+    if (wanted == entry) listed = true;
+  }
+  endusershell();
+  return listed;
+}
+
+// Null when user may run commands, with the PAM transaction left open; else
+// the text for a root caller.
+const char* CheckUser(const Settings& settings, const Request& request,
+                      Account* account, PamTransaction* transaction) {
+  if (!LookUp(request.user, account)) return kUnknownUser;
+  if (account->uid == 0 && !settings.allow_root) return kRootRefused;
+  if (!settings.allow_nologin && !ListedShell(account->shell)) {
+    return kShellRefused;
+  }
+  return Authenticate(settings.service, settings.pam_dir, request.user,
+                      request.password, transaction);
+}
+
 // Descriptors 0 to 2 must be open, or a descriptor opened later could take
 // the place of one of them in the command.
 void SecureDescriptors() {
@@ -272,30 +181,54 @@ int ParseArguments(int argc, char** argv, std::string* config) {
   return next + 1;
 }
 
+// What the caller owes before its answer: nothing for root, who could run
+// anything anyway; for anyone else the delay, kept in the root-owned record
+// when the launcher has the privilege to keep one.
+int64_t Owe(bool installed, unsigned delay, FailureRecord* record) {
+  if (getuid() == 0) return 0;
+  int64_t deadline = BootNanos() + int64_t{delay} * 1000000000;
+  if (installed &&
+      (!record->Open(getuid()) || !record->PayAndOwe(delay, &deadline))) {
+    Refuse(kRecordRefused);
+  }
+  return deadline;
+}
+
+// The stack is among them: a caller's hard stack limit of a few pages would
+// crash the launcher in PAM, and only once the password was right.
 constexpr CallerLimits::Limit kOwnLimits[] = {
-    {RLIMIT_FSIZE, RLIM_INFINITY}, {RLIMIT_CPU, RLIM_INFINITY},
-    {RLIMIT_AS, RLIM_INFINITY},    {RLIMIT_DATA, RLIM_INFINITY},
-    {RLIMIT_NOFILE, 1024},         {RLIMIT_CORE, 0}};
+    {RLIMIT_FSIZE, RLIM_INFINITY},   {RLIMIT_CPU, RLIM_INFINITY},
+    {RLIMIT_AS, RLIM_INFINITY},      {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_STACK, rlim_t{8} << 20}, {RLIMIT_NOFILE, 1024},
+    {RLIMIT_CORE, 0}};
 static_assert(std::size(kOwnLimits) == CallerLimits::kCount);
 
 }  // namespace
 
-void CallerLimits::Replace() {
+// A hard limit is only ever raised (which takes CAP_SYS_RESOURCE), never
+// lowered, so that the limits in force can always be put back.
+bool CallerLimits::Take(bool raise) {
   for (size_t i = 0; i < kCount; ++i) {
-    getrlimit(kOwnLimits[i].resource, &saved_[i]);
-    const rlimit own{kOwnLimits[i].value, kOwnLimits[i].value};
-    setrlimit(kOwnLimits[i].resource, &own);
+    const int resource = kOwnLimits[i].resource;
+    if (getrlimit(resource, &saved_[i]) != 0) return false;
+    const rlim_t value = kOwnLimits[i].value;
+    const rlim_t hard = saved_[i].rlim_max;  // RLIM_INFINITY is the largest
+    const rlimit own = raise ? rlimit{value, std::max(value, hard)}
+                             : rlimit{std::min(value, hard), hard};
+    if (setrlimit(resource, &own) != 0) return false;
   }
   umask_ = umask(022);
   replaced_ = true;
+  return true;
 }
 
-void CallerLimits::Restore() const {
-  if (!replaced_) return;
+bool CallerLimits::Restore() const {
+  if (!replaced_) return true;
   for (size_t i = 0; i < kCount; ++i) {
-    setrlimit(kOwnLimits[i].resource, &saved_[i]);
+    if (setrlimit(kOwnLimits[i].resource, &saved_[i]) != 0) return false;
   }
   umask(umask_);
+  return true;
 }
 
 // Allocation-free: the child of vfork reports through it too.
@@ -325,7 +258,7 @@ int main(int argc, char** argv) {
   SecureDescriptors();
   OwnEnvironment();
   CallerLimits limits;
-  if (installed) limits.Replace();
+  if (installed && !limits.Replace()) Refuse(kLimitsRefused);
   std::string config;
   const int command = ParseArguments(argc, argv, &config);
   if (command == 0) Refuse(kInvalidRequest);
@@ -336,21 +269,18 @@ int main(int argc, char** argv) {
   }
   Request request;
   if (!ReadRequest(&request)) Refuse(kInvalidRequest);
-  // Root could do anything anyway; anyone else pays for each wrong guess.
-  const unsigned fail_delay = getuid() == 0 ? 0 : settings.fail_delay;
+  FailureRecord record;
+  const int64_t deadline = Owe(installed, settings.fail_delay, &record);
   Account account;
   PamTransaction transaction;
-  const char* failure = nullptr;
-  if (!LookUp(request.user, &account)) {
-    failure = kUnknownUser;
-    PauseAfterFailure(fail_delay);
-  } else if (account.uid == 0 && !settings.allow_root) {
-    failure = kRootRefused;
-  } else {
-    failure = Authenticate(settings.service, settings.pam_dir, request.user,
-                           request.password, fail_delay, &transaction);
-  }
+  const char* failure = CheckUser(settings, request, &account, &transaction);
   request.WipePassword();
-  if (failure != nullptr) Refuse(failure);
-  RunCommand(account, argv + command, request.env, limits, &transaction);
+  if (failure != nullptr) {
+    // No answer before it is due, and one answer for every failure: which
+    // of them it was would tell a guesser whether the password was right.
+    SleepUntil(deadline);
+    Refuse(getuid() == 0 ? failure : kAuthFailed);
+  }
+  record.Clear();
+  RunCommand(account, argv + command, request.env, &limits, &transaction);
 }

@@ -1,10 +1,8 @@
 // Password and account checks through PAM, with fixed English texts for
 // every failure: PAM's own messages may be translated, or say too much.
 #include <pwd.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -19,6 +17,7 @@ constexpr char kWrongPassword[] = "Authentication failed: wrong password";
 constexpr char kAuthFailed[] = "Authentication failed";
 constexpr char kAccountRefused[] = "Account expired or not permitted";
 constexpr char kPasswordExpired[] = "Password expired";
+constexpr char kSessionRefused[] = "Unable to open a session for the user";
 
 struct Answers {
   const char* password;
@@ -60,7 +59,7 @@ int Converse(int count, const pam_message** messages, pam_response** out,
 }
 
 // Stands in for PAM's sleep after a failure, which is random and shorter
-// than su's: the launcher's fixed delay replaces it (and a root caller, who
+// than su's: the launcher's deadline replaces it (and a root caller, who
 // pays none, gets none from PAM either).
 void NoFailDelay(int /*status*/, unsigned int /*usec*/, void* /*data*/) {}
 
@@ -118,7 +117,7 @@ const char* AccountFailure(int result) {
 
 const char* Authenticate(const std::string& service, const std::string& pam_dir,
                          const char* user, const char* password,
-                         unsigned fail_delay, PamTransaction* transaction) {
+                         PamTransaction* transaction) {
   // PAM keeps the conversation's address until the transaction ends.
   static Answers answers;
   static pam_conv conversation{Converse, &answers};
@@ -136,7 +135,6 @@ const char* Authenticate(const std::string& service, const std::string& pam_dir,
   if (failure == nullptr) {
     result = pam_authenticate(handle, kFlags);
     failure = AuthenticationFailure(result);
-    if (failure != nullptr) PauseAfterFailure(fail_delay);
   }
   if (failure == nullptr && !SameUser(handle, user)) {
     result = PAM_USER_UNKNOWN;
@@ -152,14 +150,26 @@ const char* Authenticate(const std::string& service, const std::string& pam_dir,
   return failure;
 }
 
-void PauseAfterFailure(unsigned seconds) {
-  if (seconds == 0) return;
-  timespec until;
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += static_cast<time_t>(seconds);
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) ==
-         EINTR) {
+const char* OpenSession(PamTransaction* transaction) {
+  pam_handle_t* handle = transaction->handle;
+  int result = pam_setcred(handle, PAM_ESTABLISH_CRED | PAM_SILENT);
+  if (result == PAM_SUCCESS) {
+    result = pam_open_session(handle, PAM_SILENT);
+    if (result != PAM_SUCCESS) pam_setcred(handle, PAM_DELETE_CRED | PAM_SILENT);
   }
+  transaction->result = result;
+  if (result == PAM_SUCCESS) return nullptr;
+  EndTransaction(transaction);
+  return kSessionRefused;
+}
+
+void CloseSession(PamTransaction* transaction) {
+  if (transaction->handle == nullptr) return;
+  pam_handle_t* handle = transaction->handle;
+  transaction->result = pam_close_session(handle, PAM_SILENT);
+  const int deleted = pam_setcred(handle, PAM_DELETE_CRED | PAM_SILENT);
+  if (transaction->result == PAM_SUCCESS) transaction->result = deleted;
+  EndTransaction(transaction);
 }
 
 void EndTransaction(PamTransaction* transaction) {

@@ -15,11 +15,14 @@
 // Descriptor 4 carries the launcher's verdict on the start. It is close-on-
 // exec in the launcher and its child, so it reaches its end with no text once
 // the command has been executed. Otherwise it holds one line: a tag byte and
-// fixed English text, and the launcher exits with a non-zero status.
+// fixed English text, and the launcher exits with a non-zero status. A caller
+// other than root reads the same text, "Authentication failed", for every
+// refusal of the user, and only once the launcher's delay is over.
 //
-// The launcher stays the command's parent. kStopSignal (SIGTERM; SIGINT,
-// SIGHUP and SIGQUIT alike) to the launcher passes SIGTERM on to the
-// command's process group and SIGKILL kStopGraceSeconds later; kKillSignal
+// The launcher stays the command's parent; the command leads a session (and
+// so a process group) of its own, with no controlling terminal. kStopSignal
+// (SIGTERM; SIGINT, SIGHUP and SIGQUIT alike) to the launcher passes SIGTERM
+// on to the command's process group and SIGKILL kStopGraceSeconds later; kKillSignal
 // sends SIGKILL at once. The launcher then reaps the command and exits with
 // its status (128 + the signal number for a signalled command). The command
 // is killed, too, when the launcher dies.

@@ -92,8 +92,7 @@ std::vector<char*> CommandEnvironment(const Account& account,
   return env;
 }
 
-// The account's supplementary groups, looked up before the child exists:
-// the child of vfork may make system calls only.
+// The account's supplementary groups, looked up before the child exists.
 std::vector<gid_t> GroupsOf(const Account& account) {
   std::vector<gid_t> groups(32);
   for (;;) {
@@ -109,15 +108,23 @@ std::vector<gid_t> GroupsOf(const Account& account) {
   }
 }
 
-// Supplementary groups, group and user, real, effective and saved alike; then
-// proof that root cannot be regained. Without privilege the launcher can
-// only run commands as its caller.
-bool SwitchUser(const Account& account, const std::vector<gid_t>& groups) {
+// The account's groups go to the launcher itself before PAM establishes the
+// credentials, as su does, so that groups a module adds (pam_group) reach the
+// command, which inherits them.
+bool TakeGroups(const Account& account) {
+  if (geteuid() != 0) return true;
+  const std::vector<gid_t> groups = GroupsOf(account);
+  return setgroups(groups.size(), groups.data()) == 0;
+}
+
+// Group and user, real, effective and saved alike; then proof that root
+// cannot be regained. Without privilege the launcher can only run commands as
+// its caller.
+bool SwitchUser(const Account& account) {
   if (geteuid() != 0) {
     return account.uid == getuid() && account.uid == geteuid();
   }
-  if (setgroups(groups.size(), groups.data()) != 0 ||
-      setresgid(account.gid, account.gid, account.gid) != 0 ||
+  if (setresgid(account.gid, account.gid, account.gid) != 0 ||
       setresuid(account.uid, account.uid, account.uid) != 0) {
     return false;
   }
@@ -161,13 +168,13 @@ const char* ExecFailure(int error) {
 // Runs in the child of vfork, which shares the launcher's memory until it
 // executes: system calls only, no allocation.
 [[noreturn]] void StartCommand(const Account& account,
-                               const std::vector<gid_t>& groups,
                                const CallerLimits& limits, pid_t launcher,
                                char** argv, char** env) {
   ResetSignals();
-  setpgid(0, 0);
-  limits.Restore();
-  if (!SwitchUser(account, groups)) {
+  // A session of its own, so no controlling terminal: a terminal shared with
+  // the caller is a keyboard the user could type on (TIOCSTI) and read from.
+  // Its group is the one that stops reach.
+  if (!limits.Restore() || !SwitchUser(account) || setsid() < 0) {
     Report(kRefusedTag, kSwitchRefused);
     _exit(kLauncherFailed);
   }
@@ -192,14 +199,26 @@ const char* ExecFailure(int error) {
   _exit(error == ENOENT ? 127 : 126);
 }
 
-// The launcher keeps no more privilege than it needs to signal the command.
+// While the command runs the launcher is the user, so that it may pass stops
+// on, and its caller's, so that the caller may signal it. Only its saved uid
+// stays root: closing the PAM session needs root as opening it did (modules
+// log, and undo what they set up, as root), and the command, whose uid
+// matches neither the launcher's real nor its saved one, cannot signal it.
 void DropPrivilege(const Account& account) {
   if (geteuid() != 0 || account.uid == 0) return;
   if (setgroups(0, nullptr) == 0 &&
       setresgid(getgid(), account.gid, account.gid) == 0) {
     // Should this fail the launcher stays root, which it needs no more than
     // to wait for the command and pass stops on to it.
-    if (setresuid(getuid(), account.uid, account.uid) != 0) return;
+    if (setresuid(getuid(), account.uid, 0) != 0) return;
+  }
+}
+
+// Root again, for the end of the session only.
+void RegainPrivilege() {
+  uid_t real, effective, saved;
+  if (getresuid(&real, &effective, &saved) == 0 && saved == 0) {
+    (void)!seteuid(0);
   }
 }
 
@@ -230,10 +249,10 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
 
 // Waits without reaping, so that the command's id still names its group,
 // ends what is left of the group, reaps every member that ends up as the
-// launcher's child, then exits with the command's status. _exit: nothing is
-// left to flush, and a leak check at exit could not trace a process that
-// has switched users.
-[[noreturn]] void WaitAndExit(pid_t command) {
+// launcher's child, closes the session, then exits with the command's
+// status. _exit: nothing is left to flush, and a leak check at exit could not
+// trace a process that has switched users.
+[[noreturn]] void WaitAndExit(pid_t command, PamTransaction* transaction) {
   siginfo_t info;
   std::memset(&info, 0, sizeof info);
   while (waitid(P_PID, static_cast<id_t>(command), &info,
@@ -254,6 +273,8 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
   int orphan_status;
   while (waitpid(-command, &orphan_status, 0) > 0 || errno == EINTR) {
   }
+  RegainPrivilege();
+  CloseSession(transaction);
   if (WIFSIGNALED(status)) _exit(128 + WTERMSIG(status));
   _exit(WIFEXITED(status) ? WEXITSTATUS(status) : kLauncherFailed);
 }
@@ -261,11 +282,22 @@ void InstallForwarding(sigset_t* blocked, sigset_t* previous) {
 }  // namespace
 
 void RunCommand(const Account& account, char** argv,
-                const std::vector<char*>& env, const CallerLimits& limits,
+                const std::vector<char*>& env, CallerLimits* limits,
                 PamTransaction* transaction) {
   std::vector<std::string> storage;
   std::vector<char*> command_env = CommandEnvironment(account, env, &storage);
-  const std::vector<gid_t> groups = GroupsOf(account);
+  // The caller's limits go back before the session opens, so that the
+  // session's (pam_limits) come on top of them; what the command is to get
+  // is then kept, and the launcher takes its own again as far as it may.
+  if (!TakeGroups(account) || !limits->Restore()) {
+    EndTransaction(transaction);
+    Refuse(kSwitchRefused);
+  }
+  if (const char* failure = OpenSession(transaction)) Refuse(failure);
+  if (limits->replaced() && !limits->KeepForCommand()) {
+    CloseSession(transaction);
+    Refuse(kSwitchRefused);
+  }
   sigset_t blocked;
   sigset_t previous;
   InstallForwarding(&blocked, &previous);
@@ -275,20 +307,19 @@ void RunCommand(const Account& account, char** argv,
   // child that only switches user and executes.
   const pid_t command = vfork();
   if (command == 0) {
-    StartCommand(account, groups, limits, launcher, argv, command_env.data());
+    StartCommand(account, *limits, launcher, argv, command_env.data());
   }
   if (command < 0) {
+    CloseSession(transaction);
     Report(kExecFailedTag, kForkFailed);
     std::exit(kLauncherFailed);
   }
   g_command = command;
-  setpgid(command, command);
-  EndTransaction(transaction);
   close(kErrorFd);
   ReleaseStandardStreams();
   DropPrivilege(account);
   sigprocmask(SIG_SETMASK, &previous, nullptr);
-  WaitAndExit(command);
+  WaitAndExit(command, transaction);
 }
 
 }  // namespace qvelaunch

@@ -45,27 +45,36 @@ inline bool Shell(const std::string& command) {
   return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
+// The whole of a file, NULs kept ("" when it cannot be read).
+inline std::string FileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
 // Why the launcher tests cannot run here; empty when they can. The PAM
-// service is linked into place whole, for programs running side by side, and
-// left there as an installation would leave it.
+// service is renamed into place whole when it is missing or differs from the
+// build's, for programs running side by side, and left there as an
+// installation would leave it.
 inline std::string LauncherSkipReason() {
   if (geteuid() != 0) {
     return "needs root to make a throw-away account and switch to it";
   }
   if (qvehost::LauncherPath().empty()) return "fetchlet-launch is not built";
   const std::string target = "/etc/pam.d/fetchlet-launch";
-  if (access(target.c_str(), F_OK) == 0) return "";
+  const std::string built = LauncherShareFile("fetchlet-launch.pam");
+  if (FileBytes(target) == FileBytes(built)) return "";
   const std::string temporary =
       "/etc/pam.d/.fetchlet-launch." + std::to_string(getpid());
   std::error_code ignored;
   std::filesystem::copy_file(
-      LauncherShareFile("fetchlet-launch.pam"), temporary,
-      std::filesystem::copy_options::overwrite_existing, ignored);
+      built, temporary, std::filesystem::copy_options::overwrite_existing,
+      ignored);
   chmod(temporary.c_str(), 0644);
-  const bool linked = link(temporary.c_str(), target.c_str()) == 0 ||
-                      access(target.c_str(), F_OK) == 0;
+  const bool placed = rename(temporary.c_str(), target.c_str()) == 0;
   unlink(temporary.c_str());
-  return linked ? "" : "cannot install the PAM service fetchlet-launch";
+  return placed ? "" : "cannot install the PAM service fetchlet-launch";
 }
 
 // The program's account, with its own group, a home directory and a password
@@ -115,14 +124,6 @@ class AccountStore : public testing::Environment {
   bool tried_ = false;
   const TestAccount* shared_ = nullptr;
 };
-
-// The whole of a file, NULs kept ("" when it cannot be read).
-inline std::string FileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
 
 // Pids of the processes whose /proc directory satisfies shows.
 inline std::vector<int> ProcessesWhere(

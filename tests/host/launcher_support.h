@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +16,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <tuple>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/test_account.h"
@@ -85,6 +88,114 @@ inline std::string SetuidLauncherCopy(const std::string& dir) {
     return "";
   }
   return launcher;
+}
+
+// One start of a launcher by hand, as a hostile caller would make it: its own
+// uid (a number with no account), its own limits, a kill whenever it likes.
+struct LaunchAttempt {
+  std::string launcher;
+  uid_t caller = 0;  // 0: root
+  std::string user, password;
+  Strings argv;
+  std::vector<std::pair<int, rlimit>> limits;  // set just before the exec
+  bool no_new_privs = false;
+  int kill_after_ms = -1;  // SIGKILL to the launcher
+};
+
+// What the caller sees: the launcher's line, the output, the status.
+using Outcome = std::tuple<std::string, std::string, int>;
+
+struct LaunchOutcome {
+  std::string verdict;  // the launcher's line, tag and all
+  std::string out;      // the command's output and errors
+  int status = -1;      // as waitpid gives it
+  double seconds = 0;
+
+  Outcome Tuple() const { return {verdict, out, status}; }
+};
+
+inline std::string ReadToEnd(int fd) {
+  std::string text;
+  char chunk[512];
+  for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) {
+    text.append(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  return text;
+}
+
+// In the child: from onto to, without close-on-exec; from is above 4.
+inline bool MoveTo(int from, int to) { return dup2(from, to) == to; }
+
+inline int Above4(int fd) { return fcntl(fd, F_DUPFD_CLOEXEC, 5); }
+
+[[noreturn]] inline void ExecAttempt(const LaunchAttempt& a, int request,
+                                     int verdict, int out) {
+  Strings args{a.launcher, "--"};
+  args.insert(args.end(), a.argv.begin(), a.argv.end());
+  std::vector<char*> argv = Pointers(args);
+  char* env[] = {nullptr};
+  // Above 4 first, so that no move overwrites a descriptor still to move.
+  const int null = Above4(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  out = Above4(out);
+  request = Above4(request);
+  verdict = Above4(verdict);
+  bool ready = null >= 0 && out >= 0 && request >= 0 && verdict >= 0 &&
+               MoveTo(null, 0) && MoveTo(out, 1) && MoveTo(out, 2) &&
+               MoveTo(request, 3) && MoveTo(verdict, 4);
+  for (const auto& [resource, limit] : a.limits) {
+    ready = ready && setrlimit(resource, &limit) == 0;
+  }
+  if (a.no_new_privs) ready = ready && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+  if (a.caller != 0) {
+    ready = ready && setgroups(0, nullptr) == 0 &&
+            setresgid(a.caller, a.caller, a.caller) == 0 &&
+            setresuid(a.caller, a.caller, a.caller) == 0;
+  }
+  if (ready) execve(a.launcher.c_str(), argv.data(), env);
+  _exit(99);
+}
+
+inline LaunchOutcome Attempt(const LaunchAttempt& a) {
+  int request[2], verdict[2], out[2];
+  if (pipe2(request, O_CLOEXEC) != 0 || pipe2(verdict, O_CLOEXEC) != 0 ||
+      pipe2(out, O_CLOEXEC) != 0) {
+    LaunchOutcome none;
+    none.verdict = "no pipes";
+    return none;
+  }
+  // Far less than a pipe holds: written before the launcher reads it.
+  const std::string credentials = a.user + '\0' + a.password + '\0';
+  (void)!write(request[1], credentials.data(), credentials.size());
+  close(request[1]);
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t pid = fork();
+  if (pid == 0) ExecAttempt(a, request[0], verdict[1], out[1]);
+  close(request[0]);
+  close(verdict[1]);
+  close(out[1]);
+  if (a.kill_after_ms >= 0) {
+    usleep(static_cast<useconds_t>(a.kill_after_ms) * 1000);
+    kill(pid, SIGKILL);
+  }
+  LaunchOutcome outcome;
+  outcome.verdict = ReadToEnd(verdict[0]);
+  outcome.out = ReadToEnd(out[0]);
+  waitpid(pid, &outcome.status, 0);
+  outcome.seconds = std::chrono::duration<double>(
+                        std::chrono::steady_clock::now() - start)
+                        .count();
+  return outcome;
+}
+
+// The status of a launcher that refused.
+inline int Refused() { return 125 << 8; }
+
+// A uid of no account that no other test program uses, and the record the
+// launcher keeps for it (removed by the test).
+inline uid_t StrangerUid() { return 3000000000U + static_cast<uid_t>(getpid()); }
+inline std::string RecordOf(uid_t uid) {
+  return "/run/fetchlet-launch/" + std::to_string(uid);
 }
 
 // What body reports, run in a child that has become nobody.

@@ -23,7 +23,9 @@
 namespace qvetest {
 namespace {
 
+// What root is told, and what every other caller is.
 constexpr char kWrongPassword[] = "Authentication failed: wrong password";
+constexpr char kFailed[] = "Authentication failed";
 constexpr int kAttempts = 3;
 constexpr double kDelaySeconds = 3;
 
@@ -36,7 +38,7 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
 // kAttempts wrong passwords in turn: each attempt's seconds and the texts
 // that were not the refusal, as "s1 s2 s3|unexpected texts".
 std::string WrongPasswords(const TestAccount& account,
-                           const std::string& marker) {
+                           const std::string& marker, const char* refusal) {
   qvefet_Context* context = qvehost::NewContext();
   std::string seconds, unexpected;
   for (int i = 0; i < kAttempts; ++i) {
@@ -49,7 +51,7 @@ std::string WrongPasswords(const TestAccount& account,
     qvejcap_Process_blocking_wait(process);
     qvejcap_Process_delete(process);
     seconds += std::to_string(SecondsSince(start)) + " ";
-    if (started != 0 || std::string(text) != kWrongPassword) {
+    if (started != 0 || std::string(text) != refusal) {
       unexpected += text;
     }
   }
@@ -106,8 +108,8 @@ TEST(LauncherDelayTest, WrongPasswordsCostCallersButRootSecondsEach) {
   std::string su_seconds;
   std::thread su_thread([&] { su_seconds = SuSeconds(account->name); });
   const std::string nobody =
-      AsNobody([&] { return WrongPasswords(*account, marker); });
-  const std::string root = WrongPasswords(*account, marker);
+      AsNobody([&] { return WrongPasswords(*account, marker, kFailed); });
+  const std::string root = WrongPasswords(*account, marker, kWrongPassword);
   su_thread.join();
   qvehost::SetLauncherPath("");
   std::cout << "wrong passwords as nobody, s: "
