@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/processes.h"
+#include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
@@ -122,6 +123,7 @@ class ProcessTest : public testing::Test {
         break;
       }
     }
+    qvehost::RemoveIdleRunCgroups();  // the pool keeps its descriptors
     EXPECT_EQ(OpenDescriptors(), descriptors_) << "descriptors left open";
     prctl(PR_SET_CHILD_SUBREAPER, 0);
   }
