@@ -53,6 +53,7 @@ struct PoolSlot {
   CgroupCounters last;
   bool used = false;        // a run has ended in it
   bool killed = false;      // cgroup.kill was written: never reused
+  bool seen_empty = false;  // empty after its run's child ended
   bool peak_resets = true;  // memory.peak restarts on a write (Linux 6.12)
 };
 
@@ -253,7 +254,7 @@ bool Populated(const PoolSlot& slot) {
 // Kills what is left and waits, on cgroup.events, until the kernel says the
 // cgroup is empty; false when it is still busy at the bound.
 bool Empty(PoolSlot& slot) {
-  if (!Populated(slot)) return true;
+  if (slot.seen_empty || !Populated(slot)) return true;
   slot.killed = true;
   write(slot.kill, "1", 1);
   const auto give_up = std::chrono::steady_clock::now() +
@@ -349,6 +350,7 @@ int RunCgroup::Create(const RunLimits& limits) {
     return error;
   }
   ResetPeak(*slot);
+  slot->seen_empty = false;
   slot_ = slot;
   return 0;
 }
@@ -364,8 +366,13 @@ int RunCgroup::Kill() {
   return write(slot_->kill, "1", 1) == 1 ? 0 : -1;
 }
 
+// Once the run's child has ended and nothing else is left, nothing can
+// enter the cgroup again: the run's end need not look twice.
 int RunCgroup::KillIfPopulated() {
-  if (active() && !Populated(*slot_)) return 0;
+  if (active() && !Populated(*slot_)) {
+    slot_->seen_empty = true;
+    return 0;
+  }
   return Kill();
 }
 
