@@ -103,6 +103,7 @@ class ProcessTest : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    qvehost::RemoveIdleRunCgroups();
     descriptors_ = OpenDescriptors();
   }
   // Every child left must be an adopted zombie (a command's killed
