@@ -211,8 +211,14 @@ std::string RequestId(const std::vector<Property>& properties) {
   return id;
 }
 
+// Text shows what the run cost where limits were asked for or reached.
+bool ShowResources(const LimitOptions& asked, const qvehost::RunResources& r) {
+  return !asked.memory.empty() || !asked.pids.empty() || !asked.cpu.empty() ||
+         r.oom_kills != 0 || r.forks_refused != 0;
+}
+
 int Evaluate(const Family& family, const std::vector<Property>& properties,
-             bool json) {
+             bool json, const LimitOptions& limits) {
   qvefet_Context* context = qvehost::NewContext();
   qvlnv_NVList* list = qvehost::NewPropertyList();
   for (const auto& [name, value] : properties) {
@@ -236,7 +242,9 @@ int Evaluate(const Family& family, const std::vector<Property>& properties,
   } else {
     PrintFailure(std::cerr, status, exception);
   }
-  if (!json) PrintResources(std::cerr, resources);
+  if (!json && ShowResources(limits, resources)) {
+    PrintResources(std::cerr, resources);
+  }
   if (result != nullptr) qvedrmr_MetricResult_delete(result);
   if (exception != nullptr) qveue_Exception_delete(exception);
   qvehost::DeletePropertyList(list);
@@ -268,7 +276,7 @@ int Run(Options& o) {
   if (!functions) {
     return Usage("the " + o.kind + " fetchlet is not built yet in " + path);
   }
-  const int status = Evaluate(*functions, properties, o.json);
+  const int status = Evaluate(*functions, properties, o.json, o.limits);
   WipeSecrets(&properties);
   return status;
 }
