@@ -53,10 +53,11 @@ void Collector::Publish(const Evaluation& evaluation) {
   next->duration_seconds = evaluation.duration_seconds;
   next->finished = std::chrono::steady_clock::now();
   AddResources(*last, evaluation.resources, next.get());
-  // A command the OOM killer ended or that was refused a fork failed for
-  // its limits, whatever the fetchlet made of it.
-  if (!mapped.failure.empty() && (evaluation.resources.oom_kills != 0 ||
-                                  evaluation.resources.forks_refused != 0)) {
+  // A failed run whose command the OOM killer ended or that was refused a
+  // fork failed for its limits, whatever kind the fetchlet gave.
+  if (evaluation.status != 0 && !mapped.failure.empty() &&
+      (evaluation.resources.oom_kills != 0 ||
+       evaluation.resources.forks_refused != 0)) {
     mapped.failure = "resource";
   }
   next->up = mapped.failure.empty();
