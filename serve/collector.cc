@@ -53,13 +53,6 @@ void Collector::Publish(const Evaluation& evaluation) {
   next->duration_seconds = evaluation.duration_seconds;
   next->finished = std::chrono::steady_clock::now();
   AddResources(*last, evaluation.resources, next.get());
-  // A failed run whose command the OOM killer ended or that was refused a
-  // fork failed for its limits, whatever kind the fetchlet gave.
-  if (evaluation.status != 0 && !mapped.failure.empty() &&
-      (evaluation.resources.oom_kills != 0 ||
-       evaluation.resources.forks_refused != 0)) {
-    mapped.failure = "resource";
-  }
   next->up = mapped.failure.empty();
   if (next->up) next->last_success_unix = UnixNow();
   if (!mapped.failure.empty()) CountFailure(mapped.failure, 1);
