@@ -1,8 +1,8 @@
-// Cost per evaluation of the two containments in the same run: every command
-// in a cgroup of its own ended with cgroup.kill, beside process groups only.
-// An evaluation starts /bin/true with all three pipes, reads its output to
-// the end and waits for it. Evaluations alternate between the two paths and
-// each side reports its median.
+// Cost per evaluation of the containments in the same run: every command in
+// a cgroup taken from the pool, in a cgroup made and removed for it, and in
+// its process group alone. An evaluation starts /bin/true with all three
+// pipes, reads its output to the end and waits for it. Evaluations take
+// turns between the paths and each side reports its median.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -41,35 +41,60 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
+// One way of containing a run: cgroups from the pool, a fresh cgroup per
+// run, or the process group alone.
+struct Side {
+  const char* name;
+  bool cgroup;
+  bool pooled;
+  std::vector<double> micros;
+};
+
+void Use(const Side& side) {
+  qvehost::SetCgroupContainment(side.cgroup);
+  qvehost::SetCgroupPooling(side.pooled);
+}
+
 }  // namespace
 
 int main() {
   const bool cgroups = qvehost::CgroupContainment();
-  std::vector<double> with_cgroup, with_group;
+  std::vector<Side> sides = {{"process group", false, false, {}}};
+  if (cgroups) {
+    sides.push_back({"pooled cgroup", true, true, {}});
+    sides.push_back({"cgroup per run", true, false, {}});
+  }
   for (int i = 0; i < kRounds + kWarmUp; ++i) {
-    const bool cgroup_first = i % 2 == 0;
-    for (int side = 0; side < 2; ++side) {
-      const bool use_cgroup = cgroups && (side == 0) == cgroup_first;
-      qvehost::SetCgroupContainment(use_cgroup);
+    // The order turns each round, so that no side always follows another.
+    for (size_t k = 0; k < sides.size(); ++k) {
+      Side& side = sides[(k + static_cast<size_t>(i)) % sides.size()];
+      Use(side);
       const double micros = EvaluateOnce();
-      if (i < kWarmUp) continue;
-      (use_cgroup ? with_cgroup : with_group).push_back(micros);
+      if (i >= kWarmUp) side.micros.push_back(micros);
     }
   }
   qvehost::SetCgroupContainment(true);
-  const double group = Median(with_group);
-  std::printf("process group: %.1f us per evaluation\n", group);
+  qvehost::SetCgroupPooling(true);
+  const double group = Median(sides[0].micros);
+  for (const Side& side : sides) {
+    std::printf("%-15s %7.1f us per evaluation\n", side.name,
+                Median(side.micros));
+  }
   if (!cgroups) {
-    std::printf("no writable cgroup v2 hierarchy: cgroup path not measured\n");
-    std::printf("{\"cgroup_us\":null,\"process_group_us\":%.1f,"
+    std::printf("no writable cgroup v2 hierarchy: cgroup paths not measured\n");
+    std::printf("{\"bench\":\"containment\",\"pooled_us\":null,"
+                "\"unpooled_us\":null,\"process_group_us\":%.1f,"
                 "\"evaluations\":%zu}\n",
-                group, with_group.size());
+                group, sides[0].micros.size());
     return 0;
   }
-  const double cgroup = Median(with_cgroup);
-  std::printf("cgroup:        %.1f us per evaluation\n", cgroup);
-  std::printf("{\"cgroup_us\":%.1f,\"process_group_us\":%.1f,\"ratio\":%.2f,"
+  const double pooled = Median(sides[1].micros);
+  const double unpooled = Median(sides[2].micros);
+  std::printf("{\"bench\":\"containment\",\"pooled_us\":%.1f,"
+              "\"unpooled_us\":%.1f,\"process_group_us\":%.1f,"
+              "\"pooled_ratio\":%.3f,\"unpooled_ratio\":%.3f,"
               "\"evaluations\":%zu}\n",
-              cgroup, group, cgroup / group, with_cgroup.size());
+              pooled, unpooled, group, pooled / group, unpooled / group,
+              sides[0].micros.size());
   return 0;
 }

@@ -322,10 +322,13 @@ int main(int argc, char** argv) {
   if (argc == 5 && std::strcmp(argv[1], "--count") == 0) {
     return CountMode(host, argv[2], std::atoi(argv[3]), argv[4]);
   }
+  const char* containment =
+      qvehost::CgroupContainment() ? "pooled cgroup" : "process group";
   const std::string file = WriteTextFile();
   const Figures small = Measure(host, CommandFor("runner-true", file));
   const Figures large = Measure(host, CommandFor("runner-64k", file));
-  std::printf("median of %d interleaved pairs of evaluations\n", kPairs);
+  std::printf("median of %d interleaved pairs of evaluations, runner "
+              "contained by %s\n", kPairs, containment);
   std::printf("  /bin/true    runner %8.1f/s  raw %8.1f/s  ratio %.3f\n",
               small.evals_per_s, small.baseline_evals_per_s, small.ratio);
   std::printf("  cat 64 KiB   runner %8.1f/s  raw %8.1f/s  ratio %.3f\n",
@@ -340,12 +343,13 @@ int main(int argc, char** argv) {
   std::remove(file.c_str());
   qvehost::DeleteContext(host.context);
   std::printf(
-      "{\"bench\":\"run_overhead\",\"ratio\":%.3f,\"ratio_64k\":%.3f,"
+      "{\"bench\":\"run_overhead\",\"containment\":\"%s\","
+      "\"ratio\":%.3f,\"ratio_64k\":%.3f,"
       "\"evals_per_s\":%.1f,\"baseline_evals_per_s\":%.1f,"
       "\"evals_per_s_64k\":%.1f,\"baseline_evals_per_s_64k\":%.1f,"
       "\"syscalls_per_eval\":%s,\"syscalls_per_eval_64k\":%s,"
       "\"baseline_syscalls_per_eval\":%s}\n",
-      small.ratio, large.ratio, small.evals_per_s, small.baseline_evals_per_s,
+      containment, small.ratio, large.ratio, small.evals_per_s, small.baseline_evals_per_s,
       large.evals_per_s, large.baseline_evals_per_s, JsonNumber(calls).c_str(),
       JsonNumber(calls_64k).c_str(), JsonNumber(raw_calls).c_str());
   return 0;

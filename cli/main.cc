@@ -15,6 +15,7 @@
 #include "properties.h"
 #include "qve/embedded.h"
 #include "render.h"
+#include "run_limits.h"
 #include "serve/secret_file.h"
 #include "serve_command.h"
 #include "test_command.h"
@@ -76,6 +77,7 @@ struct Options {
   std::string serverVersion;
   std::string pluginPath;
   std::string outputLimit;
+  LimitOptions limits;
   bool askPassword = false;
   // Values of the password= arguments, taken out of argv before parsing.
   std::vector<std::string> argvPasswords;
@@ -100,6 +102,13 @@ void DefineRun(CLI::App& run, Options& o) {
   run.add_option("--output-limit", o.outputLimit,
                  "most bytes held of each output stream of a command: "
                  "bytes, or with KiB, MiB, GiB (default 64MiB; 0: no limit)");
+  run.add_option("--memory-limit", o.limits.memory,
+                 "most memory the command may use, swap forbidden: bytes, or "
+                 "with KiB, MiB, GiB (needs a writable cgroup v2)");
+  run.add_option("--pids-limit", o.limits.pids,
+                 "most processes and threads the command may have at once");
+  run.add_option("--cpu-limit", o.limits.cpu,
+                 "share of one core the command may use, e.g. 0.5");
   run.add_flag("--ask-password", o.askPassword,
                "ask for the password on the terminal, without echo");
   run.footer(kRunFooter);
@@ -138,7 +147,12 @@ std::string ConfigureHost(const Options& o) {
     }
     qvehost::SetOutputLimit(limit);
   }
-  return "";
+  qvehost::RunLimits limits;
+  std::string error = ParseLimitOptions(o.limits, &limits);
+  if (error.empty() && !qvehost::SetRunLimits(limits, &error)) {
+    error = "limits cannot be applied: " + error;
+  }
+  return error;
 }
 
 // password_file=PATH stands for password=<the file's secret>; an empty
@@ -197,8 +211,14 @@ std::string RequestId(const std::vector<Property>& properties) {
   return id;
 }
 
+// Text shows what the run cost where limits were asked for or reached.
+bool ShowResources(const LimitOptions& asked, const qvehost::RunResources& r) {
+  return !asked.memory.empty() || !asked.pids.empty() || !asked.cpu.empty() ||
+         r.oom_kills != 0 || r.forks_refused != 0;
+}
+
 int Evaluate(const Family& family, const std::vector<Property>& properties,
-             bool json) {
+             bool json, const LimitOptions& limits) {
   qvefet_Context* context = qvehost::NewContext();
   qvlnv_NVList* list = qvehost::NewPropertyList();
   for (const auto& [name, value] : properties) {
@@ -213,12 +233,17 @@ int Evaluate(const Family& family, const std::vector<Property>& properties,
     status = family.getMetric(context, list, &result, &exception);
     family.freeFetchlet(fetchlet);
   }
+  const qvehost::RunResources resources = qvehost::TakeRunResources();
   if (json) {
-    PrintJson(std::cout, status, result, exception);
+    PrintJson(std::cout, status, result, exception,
+              qvehost::RunResourcesToJson(resources).dump());
   } else if (status == 0) {
     PrintTable(std::cout, result);
   } else {
     PrintFailure(std::cerr, status, exception);
+  }
+  if (!json && ShowResources(limits, resources)) {
+    PrintResources(std::cerr, resources);
   }
   if (result != nullptr) qvedrmr_MetricResult_delete(result);
   if (exception != nullptr) qveue_Exception_delete(exception);
@@ -251,7 +276,7 @@ int Run(Options& o) {
   if (!functions) {
     return Usage("the " + o.kind + " fetchlet is not built yet in " + path);
   }
-  const int status = Evaluate(*functions, properties, o.json);
+  const int status = Evaluate(*functions, properties, o.json, o.limits);
   WipeSecrets(&properties);
   return status;
 }

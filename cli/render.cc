@@ -159,7 +159,8 @@ void PrintRows(std::ostream& out,
 }  // namespace
 
 void PrintJson(std::ostream& out, int32_t status,
-               const qvedrmr_MetricResult* result, qveue_Exception* exception) {
+               const qvedrmr_MetricResult* result, qveue_Exception* exception,
+               const std::string& resources) {
   out << "{\"status\":" << status << ",\"result\":";
   WriteJsonResult(out, result);
   out << ",\"exception\":";
@@ -171,6 +172,7 @@ void PrintJson(std::ostream& out, int32_t status,
   } else {
     out << "null";
   }
+  if (!resources.empty()) out << ",\"resources\":" << resources;
   out << "}\n";
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 
 #include "qve/host.h"
 
@@ -12,9 +13,11 @@ namespace fetchlet {
 
 // {"status": S, "result": R, "exception": E} on one line, written as the
 // result is walked (a large result is not copied); text that is not valid
-// UTF-8 gets U+FFFD in place of each invalid sequence.
+// UTF-8 gets U+FFFD in place of each invalid sequence. A non-empty resources
+// (a JSON object's text) follows as "resources".
 void PrintJson(std::ostream& out, int32_t status,
-               const qvedrmr_MetricResult* result, qveue_Exception* exception);
+               const qvedrmr_MetricResult* result, qveue_Exception* exception,
+               const std::string& resources = {});
 
 inline constexpr const char* kNoResult = "(no result)";
 inline constexpr const char* kNoRows = "(no rows)";

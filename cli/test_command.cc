@@ -103,7 +103,8 @@ Json OutcomeJson(const CollectorConfig& collector,
           {"rows", result.is_object() ? Json(result["rows"]) : Json::array()},
           {"dropped_rows", mapped.dropped_rows},
           {"samples", SamplesJson(mapped.families)},
-          {"notes", mapped.notes}};
+          {"notes", mapped.notes},
+          {"resources", qvehost::RunResourcesToJson(evaluation.resources)}};
 }
 
 // The configuration's collectors to evaluate, or an empty list with a

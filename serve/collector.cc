@@ -14,6 +14,17 @@ double UnixNow() {
       .count();
 }
 
+void AddResources(const Snapshot& last, const qvehost::RunResources& r,
+                  Snapshot* next) {
+  next->cpu_user_seconds = last.cpu_user_seconds + r.user_seconds;
+  next->cpu_system_seconds = last.cpu_system_seconds + r.system_seconds;
+  next->io_read_bytes =
+      last.io_read_bytes + static_cast<double>(r.io_read_bytes);
+  next->io_write_bytes =
+      last.io_write_bytes + static_cast<double>(r.io_write_bytes);
+  next->memory_peak_bytes = static_cast<double>(r.memory_peak_bytes);
+}
+
 }  // namespace
 
 Collector::Collector(CollectorConfig config,
@@ -41,6 +52,7 @@ void Collector::Publish(const Evaluation& evaluation) {
   next->last_success_unix = last->last_success_unix;
   next->duration_seconds = evaluation.duration_seconds;
   next->finished = std::chrono::steady_clock::now();
+  AddResources(*last, evaluation.resources, next.get());
   next->up = mapped.failure.empty();
   if (next->up) next->last_success_unix = UnixNow();
   if (!mapped.failure.empty()) CountFailure(mapped.failure, 1);

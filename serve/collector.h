@@ -22,9 +22,9 @@ namespace fetchlet::serve {
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 // Label values of fetchlet_collector_failures_total{kind}.
-constexpr std::array<const char*, 7> kFailureKinds = {
-    "timeout", "run",      "invalid_request", "process_limit",
-    "no_result", "no_value", "parse"};
+constexpr std::array<const char*, 8> kFailureKinds = {
+    "timeout",   "run",      "invalid_request", "process_limit",
+    "no_result", "no_value", "parse",           "resource"};
 
 struct Snapshot {
   FamiliesPtr families;     // empty after a failed evaluation
@@ -36,6 +36,13 @@ struct Snapshot {
   std::string last_error;
   SteadyTime finished{};   // epoch: not evaluated yet
   uint64_t generation = 0;
+  // What the collector's commands cost: totals since serve started, and the
+  // largest memory of the last evaluation's commands.
+  double cpu_user_seconds = 0;
+  double cpu_system_seconds = 0;
+  double io_read_bytes = 0;
+  double io_write_bytes = 0;
+  double memory_peak_bytes = 0;
 };
 
 class Collector {

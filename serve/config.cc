@@ -14,7 +14,7 @@ namespace {
 
 const std::vector<std::string> kTopKeys = {
     "listen", "evaluation_timeout", "max_concurrent", "jitter",
-    "output_limit", "collectors"};
+    "output_limit", "limits", "collectors"};
 
 bool SameMetric(const MetricDefinition& a, const MetricDefinition& b) {
   return a.name == b.name && a.help == b.help && a.unit == b.unit &&
@@ -66,6 +66,8 @@ void ReadTopEntry(YamlReader& reader, const YamlReader::Entry& entry,
       reader.Problem(entry.value, "'jitter' must lie between 0 and 1");
     }
     config->jitter = jitter.value_or(config->jitter);
+  } else if (key == "limits") {
+    ReadLimits(reader, entry.value, &config->limits);
   } else if (key == "output_limit") {
     config->output_limit =
         reader.Size(entry.value, key).value_or(config->output_limit);
@@ -89,6 +91,8 @@ void ReadCollectors(YamlReader& reader, const YAML::Node& node,
                                std::to_string(it->second.line));
       continue;
     }
+    InheritLimits(config->limits, &collector->limits);
+    CheckLimits(reader, collector->limits);
     config->collectors.push_back(std::move(*collector));
   }
 }
@@ -133,7 +137,8 @@ bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b) {
   return a.name == b.name && a.kind == b.kind &&
          a.properties == b.properties && a.password == b.password &&
          a.interval == b.interval && a.cache_for == b.cache_for &&
-         a.timeout == b.timeout && a.table.skip_rows == b.table.skip_rows &&
+         a.timeout == b.timeout && a.limits == b.limits &&
+         a.table.skip_rows == b.table.skip_rows &&
          a.table.drop_empty_fields == b.table.drop_empty_fields &&
          a.table.nested_table == b.table.nested_table && a.regex == b.regex &&
          SameMetrics(a.metrics, b.metrics) &&

@@ -17,6 +17,9 @@
 namespace re2 {
 class RE2;
 }
+namespace qvehost {
+struct RunLimits;
+}
 
 namespace fetchlet::serve {
 
@@ -65,6 +68,19 @@ struct TableSpec {
 
 enum class CollectorKind { kOs, kOsLine, kOsLineToken, kUdm };
 
+// What each run of a collector may take; unset: no limit. A collector's
+// unset ones come from the file's top-level limits.
+struct LimitsConfig {
+  std::optional<uint64_t> memory;
+  std::optional<uint64_t> pids;
+  std::optional<double> cpu;  // a share of one core
+  Position where;
+  bool operator==(const LimitsConfig& other) const {
+    return memory == other.memory && pids == other.pids && cpu == other.cpu;
+  }
+};
+qvehost::RunLimits ToRunLimits(const LimitsConfig& limits);
+
 struct CollectorConfig {
   std::string name;
   CollectorKind kind = CollectorKind::kOs;
@@ -76,6 +92,7 @@ struct CollectorConfig {
   std::optional<Duration> cache_for;  // on_scrape collectors
   Duration timeout{10000};
   TableSpec table;
+  LimitsConfig limits;
   std::string regex;  // os: RE2, group N is column N
   std::shared_ptr<const re2::RE2> compiled_regex;  // regex, compiled at load
   std::vector<MetricDefinition> metrics;    // os, osline, oslinetoken
@@ -93,6 +110,7 @@ struct Config {
   int max_concurrent = 0;  // 0: the number of cores
   double jitter = 0.1;
   uint64_t output_limit = 64ull << 20;
+  LimitsConfig limits;  // the collectors' defaults
   std::vector<CollectorConfig> collectors;
 };
 

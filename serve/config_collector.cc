@@ -12,7 +12,7 @@ namespace {
 const std::vector<std::string> kCollectorKeys = {
     "name",     "kind",      "properties", "password_file",
     "password_credential",   "interval",   "on_scrape", "timeout",
-    "table",    "regex",     "metrics",    "value"};
+    "table",    "regex",     "metrics",    "value",     "limits"};
 
 const std::vector<std::pair<std::string, CollectorKind>> kKinds = {
     {"os", CollectorKind::kOs},
@@ -163,6 +163,8 @@ void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
     ReadMetrics(reader, entry.value, collector);
   } else if (key == "value") {
     collector->udm_value = ReadMetric(reader, entry.value, true);
+  } else if (key == "limits") {
+    ReadLimits(reader, entry.value, &collector->limits);
   }
 }
 

@@ -40,6 +40,13 @@ void CheckFamilyClashes(YamlReader& reader,
                         const std::vector<CollectorConfig>& collectors);
 
 bool IsValidName(const std::string& name);
+// A limits: map; the values given replace those in *limits.
+void ReadLimits(YamlReader& reader, const YAML::Node& node,
+                LimitsConfig* limits);
+// Fills the limits a collector left unset from the file's defaults.
+void InheritLimits(const LimitsConfig& defaults, LimitsConfig* limits);
+// A problem where limits cannot hold on this host (no writable cgroup).
+void CheckLimits(YamlReader& reader, const LimitsConfig& limits);
 
 }  // namespace fetchlet::serve
 

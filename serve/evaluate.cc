@@ -46,6 +46,8 @@ Evaluation Evaluate(const ::fetchlet::Family& entry_points,
                     const std::string& request_id) {
   const auto start = std::chrono::steady_clock::now();
   qvehost::EvaluationScope scope(evaluation);
+  qvehost::RunLimitsScope limits(ToRunLimits(collector.limits));
+  qvehost::TakeRunResources();  // figures of this evaluation's runs only
   qvefet_Context* context = qvehost::NewContext();
   qvlnv_NVList* list = PropertyList(collector, request_id);
   Evaluation outcome;
@@ -70,6 +72,7 @@ Evaluation Evaluate(const ::fetchlet::Family& entry_points,
   }
   qvehost::DeletePropertyList(list);
   qvehost::DeleteContext(context);
+  outcome.resources = qvehost::TakeRunResources();
   outcome.duration_seconds = std::chrono::duration<double>(
                                  std::chrono::steady_clock::now() - start)
                                  .count();

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/plugin.h"
+#include "qve/embedded.h"
 #include "serve/config.h"
 
 namespace fetchlet::serve {
@@ -20,6 +21,7 @@ struct Evaluation {
   std::string exception_message;
   bool timed_out = false;  // ended by its deadline, whatever it reported
   double duration_seconds = 0;
+  qvehost::RunResources resources;  // what its commands cost
 };
 
 // The prefix of the plug-in's exports for kind ("qvefos", ...).

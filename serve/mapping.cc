@@ -23,6 +23,12 @@ constexpr KindName kFailureKinds[] = {{7, "timeout"},
 std::string FailureKind(const Evaluation& evaluation) {
   if (evaluation.timed_out) return "timeout";
   if (evaluation.status == 0 && evaluation.result.is_object()) return "";
+  // A command the OOM killer ended or that was refused a fork failed for
+  // its limits, whatever kind the fetchlet gave.
+  if (evaluation.resources.oom_kills != 0 ||
+      evaluation.resources.forks_refused != 0) {
+    return "resource";
+  }
   for (const KindName& kind : kFailureKinds) {
     if (kind.kind == evaluation.exception_kind) return kind.name;
   }

@@ -122,6 +122,13 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
   Family duplicates =
       Counter("fetchlet_collector_duplicate_series_total",
               "Series dropped because an earlier one had the same labels.");
+  Family cpu = Counter("fetchlet_collector_cpu_seconds_total",
+                       "CPU time of the collector's commands, by mode.");
+  Family memory = Gauge("fetchlet_collector_memory_peak_bytes",
+                        "Largest memory of the last evaluation's commands.",
+                        "bytes");
+  Family io = Counter("fetchlet_collector_io_bytes_total",
+                      "Bytes the collector's commands read and wrote.");
   for (const CollectorPtr& collector : collectors) {
     const std::string& name = collector->config().name;
     const auto snapshot = collector->snapshot();
@@ -138,6 +145,15 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
         {labels, static_cast<double>(collector->skipped())});
     duplicates.samples.push_back(
         {labels, static_cast<double>(collector->duplicates())});
+    cpu.samples.push_back({{{"collector", name}, {"mode", "user"}},
+                           snapshot->cpu_user_seconds});
+    cpu.samples.push_back({{{"collector", name}, {"mode", "system"}},
+                           snapshot->cpu_system_seconds});
+    memory.samples.push_back({labels, snapshot->memory_peak_bytes});
+    io.samples.push_back({{{"collector", name}, {"direction", "read"}},
+                          snapshot->io_read_bytes});
+    io.samples.push_back({{{"collector", name}, {"direction", "write"}},
+                          snapshot->io_write_bytes});
   }
   Family build = {"fetchlet_build", MetricType::kInfo, "",
                   "The fetchlet program's version.", {}};
@@ -147,7 +163,7 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
   reload.samples.push_back({{}, last_reload_successful ? 1.0 : 0.0});
   Families families;
   for (Family* family : {&up, &duration, &success, &failures, &skipped,
-                         &duplicates, &build, &reload}) {
+                         &duplicates, &cpu, &memory, &io, &build, &reload}) {
     families.push_back(std::move(*family));
   }
   for (Family& family : ProcessFamilies()) families.push_back(std::move(family));

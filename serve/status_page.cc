@@ -32,6 +32,18 @@ std::string Schedule(const CollectorConfig& config) {
   return "on scrape, cached " + Seconds(config.cache_for.value_or(Duration(0)));
 }
 
+// CPU seconds and I/O since start, and the last evaluation's peak memory.
+std::string Cost(const Snapshot& s) {
+  char text[128];
+  std::snprintf(text, sizeof text,
+                "%.2fs user, %.2fs system, peak %.1f MiB, read %.0f, "
+                "written %.0f bytes",
+                s.cpu_user_seconds, s.cpu_system_seconds,
+                s.memory_peak_bytes / 1048576, s.io_read_bytes,
+                s.io_write_bytes);
+  return text;
+}
+
 std::string Row(const Collector& collector, SteadyTime now) {
   const auto snapshot = collector.snapshot();
   std::string status = "pending";
@@ -42,8 +54,8 @@ std::string Row(const Collector& collector, SteadyTime now) {
   }
   return "<tr><td>" + Escaped(collector.config().name) + "</td><td>" +
          Escaped(Schedule(collector.config())) + "</td><td>" + status +
-         "</td><td>" + age + "</td><td>" + Escaped(snapshot->last_error) +
-         "</td></tr>\n";
+         "</td><td>" + age + "</td><td>" + Cost(*snapshot) + "</td><td>" +
+         Escaped(snapshot->last_error) + "</td></tr>\n";
 }
 
 }  // namespace
@@ -54,7 +66,7 @@ std::string StatusPage(const Scheduler& scheduler) {
       "<title>fetchlet serve</title></head><body>\n<h1>fetchlet serve</h1>\n"
       "<p><a href=\"/metrics\">/metrics</a></p>\n<table>\n"
       "<tr><th>collector</th><th>schedule</th><th>status</th>"
-      "<th>age</th><th>last error</th></tr>\n";
+      "<th>age</th><th>cost</th><th>last error</th></tr>\n";
   const SteadyTime now = std::chrono::steady_clock::now();
   for (const CollectorPtr& collector : scheduler.collectors()) {
     page += Row(*collector, now);

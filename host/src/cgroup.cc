@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -25,20 +25,20 @@
 namespace qvehost::internal {
 namespace {
 
-// How long a removal waits for the kernel to empty a killed cgroup (a
-// process in uninterruptible sleep ends late).
-constexpr int kEmptyWaitMs = 100;
-constexpr int kEmptyPollMs = 20;
 constexpr std::string_view kHostPrefix = "qvehost-";
 
-std::atomic<uint64_t> g_run_counter{0};
-std::atomic<uint64_t> g_live{0};
+std::atomic<int64_t> g_live{0};
 std::atomic<bool> g_wanted{true};
+std::atomic<bool> g_pooled{true};
+std::atomic<unsigned> g_controllers{0};
+std::mutex g_controllers_mutex;
 
-void CloseFd(int& fd) {
-  if (fd >= 0) close(fd);
-  fd = -1;
-}
+struct ControllerName {
+  Controller controller;
+  const char* name;
+};
+constexpr ControllerName kControllerNames[] = {
+    {kCpu, "cpu"}, {kMemory, "memory"}, {kPids, "pids"}, {kIo, "io"}};
 
 // The mount point of the cgroup2 file system and the root it shows, from
 // /proc/self/mountinfo: "ID PARENT MAJ:MIN ROOT MOUNT OPTS... - cgroup2 ...".
@@ -73,46 +73,6 @@ bool OwnCgroupPath(std::string* path) {
   return false;
 }
 
-std::mutex g_pending_mutex;
-std::vector<std::string>* g_pending = new std::vector<std::string>;
-
-void Defer(std::string path) {
-  std::lock_guard lock(g_pending_mutex);
-  try {
-    g_pending->push_back(std::move(path));
-  } catch (...) {
-    qve_warn(qveulm_getLogCtx(HostLogSource(), "qvehost"),
-             "a cgroup could not be removed");
-  }
-}
-
-// Removes the deferred cgroups that have emptied since.
-void SweepDeferred() {
-  std::lock_guard lock(g_pending_mutex);
-  std::erase_if(*g_pending, [](const std::string& path) {
-    if (rmdir(path.c_str()) != 0 && errno == EBUSY) return false;
-    g_live.fetch_sub(1);
-    return true;
-  });
-}
-
-void RemoveRunsDirectory() {
-  SweepDeferred();
-  const std::string& dir = CgroupRunsDirectory();
-  if (!dir.empty()) rmdir(dir.c_str());
-}
-
-bool WriteFile(int dir_fd, const char* name, const char* text) {
-  const int fd = openat(dir_fd, name, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  ssize_t n;
-  do {
-    n = write(fd, text, 1);
-  } while (n < 0 && errno == EINTR);
-  close(fd);
-  return n == 1;
-}
-
 // A host that died without its exit handlers (killed, or ended by _exit)
 // left its runs' cgroups behind; the next host removes them.
 void RemoveDeadHostsCgroups(const std::string& base) {
@@ -128,7 +88,7 @@ void RemoveDeadHostsCgroups(const std::string& base) {
       if (!run.is_directory(error)) continue;
       const int fd = open(run.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       if (fd >= 0) {
-        WriteFile(fd, "cgroup.kill", "1");
+        WriteCgroupFile(fd, "cgroup.kill", "1");
         close(fd);
       }
       rmdir(run.path().c_str());
@@ -154,6 +114,65 @@ std::string FindRunsDirectory() {
   return dir;
 }
 
+void RemoveRunsDirectory() {
+  EmptyPool();
+  SweepRetiredCgroups();
+  const std::string& dir = CgroupRunsDirectory();
+  if (!dir.empty()) rmdir(dir.c_str());
+}
+
+// The host's own cgroup, the parent of the runs directory.
+std::string HostCgroup() {
+  const std::string& dir = CgroupRunsDirectory();
+  return dir.substr(0, dir.rfind('/'));
+}
+
+// The controllers named in a cgroup's cgroup.controllers file.
+unsigned ControllersIn(const std::string& dir) {
+  std::ifstream file(dir + "/cgroup.controllers");
+  unsigned found = 0;
+  for (std::string word; file >> word;) {
+    for (const auto& [controller, name] : kControllerNames) {
+      if (word == name) found |= controller;
+    }
+  }
+  return found;
+}
+
+// Enables each of wanted for the children of dir; those that failed.
+unsigned EnableBelow(const std::string& dir, unsigned wanted, int* error) {
+  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return wanted;
+  unsigned failed = 0;
+  for (const auto& [controller, name] : kControllerNames) {
+    if ((wanted & controller) == 0) continue;
+    const std::string word = "+" + std::string(name);
+    if (!WriteCgroupFile(fd, "cgroup.subtree_control", word.c_str())) {
+      failed |= controller;
+      *error = errno;
+    }
+  }
+  close(fd);
+  return failed;
+}
+
+// A cgroup with processes of its own cannot hand controllers to its
+// children: the host moves itself into a leaf beside its runs directory
+// (qvehost-PID-host, removed with the rest by the next host).
+bool MoveHostIntoLeaf(const std::string& host_cgroup) {
+  const std::string leaf = CgroupRunsDirectory() + "-host";
+  if (mkdir(leaf.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  const int fd = open(leaf.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool moved =
+      WriteCgroupFile(fd, "cgroup.procs", std::to_string(getpid()).c_str());
+  close(fd);
+  qve_debug(qveulm_getLogCtx(HostLogSource(), "qvehost"),
+            "containment: host moved from %s into %s: %s", host_cgroup.c_str(),
+            leaf.c_str(), moved ? "done" : "refused");
+  return moved;
+}
+
 void LogContainment(const std::string& dir) {
   qveulm_LogCtx* log = qveulm_getLogCtx(HostLogSource(), "qvehost");
   if (dir.empty()) {
@@ -166,78 +185,73 @@ void LogContainment(const std::string& dir) {
 
 }  // namespace
 
+bool WriteCgroupFile(int dir_fd, const char* name, const char* text) {
+  const int fd = openat(dir_fd, name, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const size_t length = std::strlen(text);
+  ssize_t n;
+  do {
+    n = write(fd, text, length);
+  } while (n < 0 && errno == EINTR);
+  const int saved = errno;
+  close(fd);
+  errno = saved;
+  return n == static_cast<ssize_t>(length);
+}
+
 const std::string& CgroupRunsDirectory() {
   static const std::string* dir = [] {
     auto* found = new std::string(FindRunsDirectory());
     LogContainment(*found);
-    if (!found->empty()) std::atexit(RemoveRunsDirectory);
+    if (!found->empty()) {
+      std::atexit(RemoveRunsDirectory);
+      // Whatever the host's own cgroup already hands down is free to take.
+      int error = 0;
+      const unsigned offered = ControllersIn(*found);
+      g_controllers.store(offered & ~EnableBelow(*found, offered, &error));
+    }
     return found;
   }();
   return *dir;
 }
 
+unsigned RunControllers() { return g_controllers.load(); }
+
+unsigned ControllersFor(const RunLimits& limits) {
+  return (limits.memory_bytes != 0 ? kMemory : 0u) |
+         (limits.pids != 0 ? kPids : 0u) | (limits.cpu != 0 ? kCpu : 0u);
+}
+
+unsigned EnableRunControllers(unsigned wanted) {
+  if (!CgroupsAvailable()) return 0;
+  std::lock_guard lock(g_controllers_mutex);
+  const unsigned missing = wanted & ~g_controllers.load();
+  if (missing == 0) return g_controllers.load();
+  const std::string runs = CgroupRunsDirectory();
+  const std::string host = HostCgroup();
+  const unsigned possible = missing & ControllersIn(host);
+  int error = 0;
+  unsigned failed = EnableBelow(host, possible, &error);
+  if (failed != 0 && error == EBUSY && MoveHostIntoLeaf(host)) {
+    failed = EnableBelow(host, failed, &error);
+  }
+  const unsigned offered = ControllersIn(runs) & possible;
+  g_controllers.fetch_or(offered & ~EnableBelow(runs, offered, &error));
+  return g_controllers.load();
+}
+
 void WantCgroups(bool wanted) { g_wanted.store(wanted); }
+void WantPooling(bool pooled) { g_pooled.store(pooled); }
+bool PoolingWanted() { return g_pooled.load(); }
+void CountLive(int64_t delta) { g_live.fetch_add(delta); }
 
 bool CgroupsAvailable() {
   return g_wanted.load() && !CgroupRunsDirectory().empty();
 }
 
 uint64_t LiveRunCgroups() {
-  SweepDeferred();
-  return g_live.load();
-}
-
-bool RunCgroup::Create() {
-  if (active() || !CgroupsAvailable()) return false;
-  SweepDeferred();
-  std::string path = CgroupRunsDirectory() + "/run-" +
-                     std::to_string(g_run_counter.fetch_add(1));
-  if (mkdir(path.c_str(), 0755) != 0) return false;
-  dir_fd_ = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir_fd_ < 0) {
-    rmdir(path.c_str());
-    return false;
-  }
-  path_ = std::move(path);
-  g_live.fetch_add(1);
-  return true;
-}
-
-int RunCgroup::Kill() {
-  if (!active()) {
-    errno = ESRCH;
-    return -1;
-  }
-  return WriteFile(dir_fd_, "cgroup.kill", "1") ? 0 : -1;
-}
-
-// Waits a little for the kernel to empty a killed cgroup; one still busy (a
-// killed process not yet reaped by whoever adopted it) is left to a later
-// sweep rather than hold up the run.
-void RunCgroup::Remove() {
-  if (!active()) return;
-  const int saved = errno;
-  Kill();
-  const int events = openat(dir_fd_, "cgroup.events", O_RDONLY | O_CLOEXEC);
-  bool removed = false;
-  for (int waited = 0; waited <= kEmptyWaitMs; waited += kEmptyPollMs) {
-    removed = rmdir(path_.c_str()) == 0;
-    if (removed || errno != EBUSY || events < 0) break;
-    // Reading re-arms the notification of the next change.
-    char text[128];
-    while (pread(events, text, sizeof text, 0) < 0 && errno == EINTR) {
-    }
-    pollfd fd{events, POLLPRI, 0};
-    poll(&fd, 1, kEmptyPollMs);
-  }
-  if (events >= 0) close(events);
-  CloseFd(dir_fd_);
-  if (removed) {
-    g_live.fetch_sub(1);
-  } else {
-    Defer(std::move(path_));
-  }
-  errno = saved;
+  SweepRetiredCgroups();
+  return static_cast<uint64_t>(g_live.load());
 }
 
 }  // namespace qvehost::internal
@@ -247,5 +261,7 @@ namespace qvehost {
 void SetCgroupContainment(bool wanted) { internal::WantCgroups(wanted); }
 bool CgroupContainment() { return internal::CgroupsAvailable(); }
 uint64_t LiveRunCgroups() { return internal::LiveRunCgroups(); }
+void SetCgroupPooling(bool pooled) { internal::WantPooling(pooled); }
+void RemoveIdleRunCgroups() { internal::EmptyPool(); }
 
 }  // namespace qvehost

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <new>
 
 #include "host_internal.h"
+#include "run_resources.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
@@ -75,12 +77,12 @@ int32_t DecodeStatus(int status) {
   return -1;
 }
 
-// Reaps pid, whose end is known; -1 when that fails.
-int32_t CollectStatus(pid_t pid) {
+// Reaps pid, whose end is known, with what it cost; -1 when that fails.
+int32_t CollectStatus(pid_t pid, rusage* usage) {
   int status = 0;
   pid_t reaped;
   do {
-    reaped = waitpid(pid, &status, 0);
+    reaped = wait4(pid, &status, 0, usage);
   } while (reaped < 0 && errno == EINTR);
   return reaped == pid ? DecodeStatus(status) : -1;
 }
@@ -305,17 +307,24 @@ bool ChildProcess::Reap(bool block) {
   const int saved = errno;
   // What the command left running ends with it; the group id stays
   // reserved while the unreaped child holds it.
-  if (cgroup_.Kill() != 0) kill(-pid_, SIGKILL);
+  if (cgroup_.KillIfPopulated() != 0) kill(-pid_, SIGKILL);
   errno = saved;
   // Out of the running list before the id is freed, so that an emergency
   // stop can never signal an id that another process has taken.
   ForgetRunning(this);
   // rc < 0: the host ignores SIGCHLD and the kernel reaped the child; its
   // pidfd still knows how it ended.
-  exit_value_ = rc == 0 ? CollectStatus(pid_) : StatusFromPidfd(pidfd_);
+  rusage usage{};
+  exit_value_ = rc == 0 ? CollectStatus(pid_, &usage) : StatusFromPidfd(pidfd_);
   CloseDescriptor(pidfd_);
   reaped_ = true;
-  cgroup_.Remove();
+  if (cgroup_.active()) {
+    CgroupFigures figures;
+    cgroup_.Remove(&figures);
+    RecordRun(pid_, limits_, &figures, &usage);
+  } else {
+    RecordRun(pid_, limits_, nullptr, rc == 0 ? &usage : nullptr);
+  }
   errno = saved;
   return true;
 }

@@ -121,6 +121,8 @@ class ChildProcess final : public StreamSource {
   void Drain(Output& out);
   int32_t TakeHeld(Output& out, char* buffer, int32_t maximum);
   bool Reap(bool block);
+  // Takes the run's cgroup with its limits; 0 or the errno of the failure.
+  int TakeCgroup();
   // Counts n bytes read from kind; false (the command killed and the limit
   // logged, once) when the stream went past the output limit.
   bool Account(uint32_t kind, size_t n);
@@ -128,6 +130,7 @@ class ChildProcess final : public StreamSource {
 
   pid_t pid_ = 0;
   RunCgroup cgroup_;  // inactive where process groups are the containment
+  RunLimits limits_;  // those the run started with
   int pidfd_ = -1;
   bool reaped_ = false;
   int stop_signal_ = 0;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -17,6 +18,9 @@
 #include "cgroup.h"
 #include "child_process.h"
 #include "clone_child.h"
+#include "host_internal.h"
+#include "qve/host.h"
+#include "run_resources.h"
 
 namespace qvehost::internal {
 namespace {
@@ -176,6 +180,17 @@ int32_t StartResultCode(int error) {
   }
 }
 
+// A run with limits starts only inside a cgroup that holds them.
+int ChildProcess::TakeCgroup() {
+  limits_ = CurrentRunLimits();
+  const int error = cgroup_.Create(limits_);
+  if (error == 0 && (cgroup_.active() || !limits_.any())) return 0;
+  qve_error(qveulm_getLogCtx(HostLogSource(), "qvehost"),
+            "the limits of a command could not be applied: %s",
+            error != 0 ? std::strerror(error) : "no cgroup for the run");
+  return error != 0 ? error : ENOTSUP;
+}
+
 int ChildProcess::Start(const SpawnRequest& request) {
   if (started() || request.argv == nullptr || request.argv[0] == nullptr ||
       request.envp == nullptr) {
@@ -199,12 +214,14 @@ int ChildProcess::Start(const SpawnRequest& request) {
   }
   pid_t pid = 0;
   const uint64_t stops_before = StopCount();
-  if (error == 0) cgroup_.Create();
-  if (error == 0) error = SpawnChild(request, child, floor, cgroup_.fd(), &pid, &pidfd_);
+  if (error == 0) error = TakeCgroup();
+  if (error == 0) {
+    error = SpawnChild(request, child, floor, cgroup_.fd(), &pid, &pidfd_);
+  }
   for (int& fd : child) CloseDescriptor(fd);
   if (error != 0) {
     for (int& fd : parent) CloseDescriptor(fd);
-    cgroup_.Remove();
+    cgroup_.Remove(nullptr);
     return error;
   }
   pid_ = pid;

@@ -14,6 +14,8 @@
 #include <csignal>
 #include <functional>
 #include <memory>
+#include <set>
+#include <utility>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,13 +62,22 @@ int32_t ExitValue(sqvejcp_Process* process) {
 
 class ContainmentTest : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
+  void SetUp() override {
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    qvehost::RemoveIdleRunCgroups();
+    descriptors_ = qvetest::OpenDescriptors();
+  }
   void TearDown() override {
     EXPECT_EQ(qvehost::LiveRunCgroups(), 0u) << "a cgroup left behind";
+    qvehost::RemoveIdleRunCgroups();  // the pool keeps its descriptors
+    EXPECT_EQ(qvetest::OpenDescriptors(), descriptors_) << "descriptors left";
+    qvehost::TakeRunResources();
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     prctl(PR_SET_CHILD_SUBREAPER, 0);
   }
+
+  std::set<int> descriptors_;
 };
 
 // Descendants that left the command's process group and session: only the
@@ -216,6 +227,160 @@ TEST_F(ContainmentTest, ClockIgnoresSystemClockSteps) {
     EXPECT_GE(after, before) << step;
     qvehost::StepSystemClock(-step);
   }
+}
+
+// ---- Pooled cgroups, limits and figures -------------------------------------
+
+// Standard output of argv run to its end, and its exit value.
+std::pair<std::string, int32_t> RunToEnd(const Strings& argv) {
+  ProcessPtr process = StartPiped(argv);
+  sqvejcp_Process_stdin_close(process.get());
+  std::string out;
+  char buffer[4096];
+  int32_t n;
+  while ((n = sqvejcp_Process_stdout_read(process.get(), buffer,
+                                          sizeof buffer)) > 0) {
+    out.append(buffer, static_cast<size_t>(n));
+  }
+  sqvejcp_Process_blocking_wait(process.get());
+  return {out, ExitValue(process.get())};
+}
+
+// Prints the run's own cgroup, the processes in it and its limits, found
+// as the host finds them (mountinfo and /proc/self/cgroup).
+constexpr char kShowCgroup[] =
+    "m=$(awk '$(NF-2)==\"cgroup2\"{print $5; exit}' /proc/self/mountinfo)\n"
+    "c=$m$(sed -n 's/^0:://p' /proc/self/cgroup)\n"
+    "echo \"$c\"; wc -l <\"$c/cgroup.procs\"\n"
+    "cat \"$c/pids.max\" \"$c/memory.max\" 2>/dev/null\n";
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t at = 0;
+  for (size_t end; (end = text.find('\n', at)) != std::string::npos;
+       at = end + 1) {
+    lines.push_back(text.substr(at, end - at));
+  }
+  return lines;
+}
+
+// A run that spun, held limits or left a setsid child hands none of it to
+// the next run in its cgroup: the next one finds only itself, no limit, and
+// figures of its own.
+TEST_F(ContainmentTest, PooledCgroupCarriesNothingIntoTheNextRun) {
+  if (!qvehost::CgroupContainment()) {
+    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
+  }
+  qvehost::RunLimits limits;
+  limits.pids = 64;
+  limits.memory_bytes = 256u << 20;
+  const bool limited = qvehost::RunLimitsError(limits).empty();
+  const std::string spin = "i=0; while [ $i -lt 30000 ]; do i=$((i+1)); done";
+  const std::pair<const char*, std::string> firsts[] = {
+      {"spinner", std::string(kShowCgroup) + spin},
+      {"setsid child",
+       std::string(kShowCgroup) + spin +
+           "\nsetsid sh -c 'exec sleep 100' >/dev/null 2>&1 &"},
+  };
+  for (const auto& [name, script] : firsts) {
+    std::vector<std::string> first;
+    {
+      std::unique_ptr<qvehost::RunLimitsScope> scope;
+      if (limited) scope = std::make_unique<qvehost::RunLimitsScope>(limits);
+      first = Lines(RunToEnd({"sh", "-c", script}).first);
+    }
+    const qvehost::RunResources spent = qvehost::TakeRunResources();
+    ASSERT_GE(first.size(), 2u) << name;
+    if (limited) {
+      EXPECT_EQ(first.at(2), "64") << name;
+    }
+    const auto [out, exit_value] = RunToEnd({"sh", "-c", kShowCgroup});
+    const qvehost::RunResources next = qvehost::TakeRunResources();
+    const std::vector<std::string> lines = Lines(out);
+    ASSERT_GE(lines.size(), 2u) << name << ": " << out;
+    // The clean end gives the cgroup back; a killed one is never reused.
+    EXPECT_EQ(lines[0] == first[0], std::string(name) == "spinner") << name;
+    EXPECT_EQ(lines[1], "2") << name << ": only the shell and wc";
+    if (limited) {
+      EXPECT_EQ(lines.at(2), "max") << name;
+      EXPECT_EQ(lines.at(3), "max") << name;
+    }
+    EXPECT_TRUE(spent.from_cgroup && next.from_cgroup) << name;
+    EXPECT_EQ(next.runs, 1u) << name;
+    EXPECT_LT(next.user_seconds + next.system_seconds,
+              spent.user_seconds + spent.system_seconds)
+        << name << ": the spinner's CPU time came along";
+  }
+}
+
+// Where a limit cannot hold, asking for it is an error that says why; where
+// it can, a hostile command meets it, the error log names it and the host
+// is unharmed.
+TEST_F(ContainmentTest, HostileCommandsMeetTheirLimits) {
+  qvehost::RunLimits probe;
+  probe.memory_bytes = 1;
+  probe.pids = 1;
+  probe.cpu = 1;
+  const std::string why = qvehost::RunLimitsError(probe);
+  std::string error;
+  EXPECT_EQ(qvehost::SetRunLimits(probe, &error), why.empty());
+  EXPECT_EQ(error, why);
+  EXPECT_EQ(qvehost::DefaultRunLimits().any(), why.empty()) << why;
+  qvehost::SetRunLimits({}, nullptr);
+  if (!why.empty()) GTEST_SKIP() << why;
+  struct Case {
+    const char* name;
+    qvehost::RunLimits limits;
+    const char* script;
+    const char* log;
+    bool dies;  // the limit ends the command itself
+  };
+  const Case cases[] = {
+      {"memory hog", {32u << 20, 0, 0},
+       "a=$(head -c 200000000 /dev/zero | tr '\\0' x); echo survived",
+       "was killed by the OOM killer at its memory limit of 33554432 bytes",
+       true},
+      {"fork loop", {0, 16, 0},
+       "i=0; while [ $i -lt 100 ]; do sleep 30 & i=$((i+1)); done",
+       "was refused a new process at its limit of 16 processes", false},
+  };
+  for (const Case& c : cases) {
+    qvehost::LogCapture capture;
+    {
+      qvehost::RunLimitsScope scope(c.limits);
+      const auto [out, exit_value] = RunToEnd({"sh", "-c", c.script});
+      if (c.dies) {
+        EXPECT_EQ(out.find("survived"), std::string::npos) << c.name;
+        EXPECT_NE(exit_value, 0) << c.name;
+      }
+    }
+    const qvehost::RunResources r = qvehost::TakeRunResources();
+    EXPECT_EQ(r.oom_kills != 0, c.limits.memory_bytes != 0) << c.name;
+    EXPECT_EQ(r.forks_refused != 0, c.limits.pids != 0) << c.name;
+    const Strings errors = capture.Texts(qvehost::LogLevel::kError, "qvehost");
+    ASSERT_FALSE(errors.empty()) << c.name;
+    EXPECT_NE(errors[0].find(c.log), std::string::npos) << errors[0];
+  }
+  EXPECT_EQ(RunToEnd({"sh", "-c", "echo fine"}).first, "fine\n");
+}
+
+// A spinner under a fifth of a core gets about that: its CPU seconds per
+// wall second, from the run's own figures, stay within the limit and a
+// tenth (generous: throttling only ever lowers the share).
+TEST_F(ContainmentTest, SpinnerIsThrottled) {
+  qvehost::RunLimits limits;
+  limits.cpu = 0.2;
+  const std::string why = qvehost::RunLimitsError(limits);
+  if (!why.empty()) GTEST_SKIP() << why;
+  const auto start = std::chrono::steady_clock::now();
+  {
+    qvehost::RunLimitsScope scope(limits);
+    RunToEnd({"timeout", "1", "sh", "-c", "while :; do :; done"});
+  }
+  const std::chrono::duration<double> wall =
+      std::chrono::steady_clock::now() - start;
+  const qvehost::RunResources r = qvehost::TakeRunResources();
+  EXPECT_LE((r.user_seconds + r.system_seconds) / wall.count(), 0.2 * 1.1);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/processes.h"
+#include "qve/embedded.h"
 #include "qve/host.h"
 
 namespace {
@@ -102,6 +103,7 @@ class ProcessTest : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    qvehost::RemoveIdleRunCgroups();
     descriptors_ = OpenDescriptors();
   }
   // Every child left must be an adopted zombie (a command's killed
@@ -122,6 +124,7 @@ class ProcessTest : public testing::Test {
         break;
       }
     }
+    qvehost::RemoveIdleRunCgroups();  // the pool keeps its descriptors
     EXPECT_EQ(OpenDescriptors(), descriptors_) << "descriptors left open";
     prctl(PR_SET_CHILD_SUBREAPER, 0);
   }

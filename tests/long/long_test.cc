@@ -17,6 +17,7 @@
 #include "fosl/qvefosl_os_line.h"
 #include "foslt/qvefoslt_os_line_token.h"
 #include "fosud/qvefosud_metric.h"
+#include "qve/embedded.h"
 
 namespace qvetest {
 namespace {
@@ -64,6 +65,7 @@ class LongTest : public testing::Test {
   // Descriptors as before, no child or process of the account left, and
   // nothing in the ledger.
   void ExpectHostUnchanged() {
+    qvehost::RemoveIdleRunCgroups();  // the pool keeps its descriptors
     EXPECT_EQ(OpenDescriptors(), descriptors_);
     EXPECT_EQ(SurvivingChildren(), std::vector<int>{});
     if (account_ != nullptr) {

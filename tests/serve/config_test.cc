@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <regex>
 
+#include "qve/embedded.h"
 #include "serve/duration.h"
 #include "serve_test_support.h"
 
@@ -273,6 +274,49 @@ TEST(ServeConfigTest, DurationsAndSizes) {
                {"MiB", std::nullopt},
                {"17179869184GiB", std::nullopt}};
   for (const auto& s : sizes) EXPECT_EQ(ParseSize(s.text), s.bytes) << s.text;
+}
+
+// Limits: the file's defaults, a collector's own in their place, and a
+// configuration error where this host cannot hold them (no writable cgroup
+// v2 with the controllers), never a limit silently dropped.
+TEST(ServeConfigTest, LimitsInheritFromTheTopOrFailTheLoad) {
+  const std::string mine = "    limits: {pids: 64, cpu: 0.5}\n";
+  const struct {
+    std::string text;
+    qvehost::RunLimits limits;  // of collector c, when the file loads
+    std::string where;          // of the limits that apply
+  } cases[] = {
+      {"limits: {memory: 256MiB}\n" + std::string(kGood),
+       {256u << 20, 0, 0}, "F:1:9"},
+      {"limits: {memory: 256MiB, pids: 8}\n" + WithCollector(mine),
+       {256u << 20, 64, 0.5}, "F:9:13"},
+      {WithCollector(mine), {0, 64, 0.5}, "F:8:13"},
+      {kGood, {}, ""},
+  };
+  for (const auto& c : cases) {
+    const std::string why = qvehost::RunLimitsError(c.limits);
+    const Lines problems = Load(c.text);
+    if (why.empty()) {
+      EXPECT_TRUE(problems.empty()) << c.text;
+      continue;
+    }
+    ASSERT_EQ(problems.size(), 1u) << c.text;
+    EXPECT_EQ(problems[0].substr(0, problems[0].find(": ")), c.where)
+        << problems[0];
+    EXPECT_NE(problems[0].find("limits: " + why), std::string::npos)
+        << problems[0];
+  }
+  const std::pair<std::string, std::string> broken[] = {
+      {"    limits: {cpu: 0}\n",
+       "F:8:19: 'cpu' must be above 0 (a share of a core)"},
+      {"    limits: {memory: lots}\n", "F:8:22: 'memory' must be a size"},
+      {"    limits: {disk: 1}\n", "F:8:14: unknown key 'disk' in limits"},
+  };
+  for (const auto& [more, expected] : broken) {
+    const Lines problems = Load(WithCollector(more));
+    ASSERT_FALSE(problems.empty()) << more;
+    EXPECT_EQ(problems[0].substr(0, expected.size()), expected) << problems[0];
+  }
 }
 
 }  // namespace

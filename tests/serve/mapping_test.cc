@@ -2,7 +2,9 @@
 // and the failure kinds of evaluations that gave nothing to map.
 #include <sstream>
 
+#include "serve/collector.h"
 #include "serve/mapping.h"
+#include "serve/meta_metrics.h"
 #include "serve_test_support.h"
 
 namespace qvetest {
@@ -219,6 +221,59 @@ TEST(ServeMappingTest, FailedEvaluationsHaveAKindAndNoSample) {
     EXPECT_EQ(mapped.failure, c.failure) << c.note;
     EXPECT_EQ(mapped.notes, Lines{c.note});
     EXPECT_TRUE(mapped.families.empty()) << c.note;
+  }
+}
+
+// A failed run that met its memory or process limit counts as "resource",
+// whatever kind the fetchlet gave; what the commands cost adds up in the
+// collector's meta-metrics.
+TEST(ServeMappingTest, LimitsReachedCountAsResourceFailures) {
+  using fetchlet::serve::kFailureKinds;
+  const struct {
+    uint64_t oom_kills;
+    uint64_t forks_refused;
+    bool failed;
+    const char* kind;  // counted once; nullptr: none
+  } cases[] = {{1, 0, true, "resource"},
+               {0, 2, true, "resource"},
+               {0, 0, true, "run"},
+               {1, 0, false, nullptr}};
+  for (const auto& c : cases) {
+    auto collector = std::make_shared<fetchlet::serve::Collector>(
+        Collector(kLoad), fetchlet::Family{});
+    Evaluation evaluation =
+        c.failed ? Evaluation{}
+                 : Result({{" 10:00 up, load average: 0.50, 1.25, idle\n"}});
+    evaluation.status = c.failed ? -1 : 0;
+    evaluation.exception_kind = c.failed ? 12 : 0;
+    evaluation.resources.oom_kills = c.oom_kills;
+    evaluation.resources.forks_refused = c.forks_refused;
+    evaluation.resources.user_seconds = 0.25;
+    evaluation.resources.io_write_bytes = 512;
+    collector->Publish(evaluation);
+    collector->Publish(evaluation);
+    for (size_t i = 0; i < kFailureKinds.size(); ++i) {
+      const bool counted =
+          c.kind != nullptr && kFailureKinds[i] == std::string(c.kind);
+      EXPECT_EQ(collector->failures(i), counted ? 2u : 0u) << kFailureKinds[i];
+    }
+    Lines costs;
+    for (const auto& family :
+         fetchlet::serve::MetaFamilies({collector}, true)) {
+      if (family.name != "fetchlet_collector_cpu_seconds_total" &&
+          family.name != "fetchlet_collector_io_bytes_total") {
+        continue;
+      }
+      for (const auto& sample : family.samples) {
+        costs.push_back(family.name + " " + sample.labels[1].second + " " +
+                        std::to_string(sample.value));
+      }
+    }
+    EXPECT_EQ(costs,
+              (Lines{"fetchlet_collector_cpu_seconds_total user 0.500000",
+                     "fetchlet_collector_cpu_seconds_total system 0.000000",
+                     "fetchlet_collector_io_bytes_total read 0.000000",
+                     "fetchlet_collector_io_bytes_total write 1024.000000"}));
   }
 }
 

@@ -89,8 +89,66 @@ void SetCgroupContainment(bool wanted);
 // True when every command runs in a cgroup v2 of its own and ends with
 // cgroup.kill (a writable hierarchy was found); false: process groups only.
 bool CgroupContainment();
-// Cgroups of runs that exist now; 0 between runs.
+// Cgroups taken by runs now; 0 between runs (emptied ones wait in a pool).
 uint64_t LiveRunCgroups();
+// Whether runs take their cgroup from the pool (default true); false makes
+// and removes one per run, e.g. to compare the two.
+void SetCgroupPooling(bool pooled);
+// Removes the emptied cgroups waiting in the pool, with the descriptors the
+// host keeps of them (they are otherwise kept until exit).
+void RemoveIdleRunCgroups();
+
+// ---- Limits and costs of runs -------------------------------------------------
+
+// What one run may take; 0 is no limit. memory also forbids swap; cpu is a
+// share of one core (0.5: half a core).
+struct RunLimits {
+  uint64_t memory_bytes = 0;
+  uint64_t pids = 0;
+  double cpu = 0;
+  bool any() const { return memory_bytes != 0 || pids != 0 || cpu != 0; }
+};
+// Why limits cannot hold on this host ("" when they can): each needs a
+// writable cgroup v2 hierarchy with its controller. Never silently dropped.
+std::string RunLimitsError(const RunLimits& limits);
+// The limits of every run from now on; false (nothing changed) with
+// RunLimitsError's text in *error when they cannot hold.
+bool SetRunLimits(const RunLimits& limits, std::string* error);
+RunLimits DefaultRunLimits();
+// Limits for the runs started on this thread while the scope lives, in place
+// of the defaults (checked by the caller through RunLimitsError).
+class RunLimitsScope {
+ public:
+  explicit RunLimitsScope(const RunLimits& limits);
+  ~RunLimitsScope();
+  RunLimitsScope(const RunLimitsScope&) = delete;
+  RunLimitsScope& operator=(const RunLimitsScope&) = delete;
+
+ private:
+  RunLimits saved_;
+  bool had_saved_;
+};
+
+// What runs cost, read from each run's cgroup when it ends. Without a cgroup
+// only the direct child is seen (its CPU time and largest resident size, from
+// the kernel's record of the reaped child): from_cgroup tells which.
+struct RunResources {
+  uint64_t runs = 0;
+  double user_seconds = 0;
+  double system_seconds = 0;
+  uint64_t memory_peak_bytes = 0;  // largest of the runs; 0: unknown
+  uint64_t io_read_bytes = 0;
+  uint64_t io_write_bytes = 0;
+  uint64_t oom_kills = 0;       // processes the OOM killer ended
+  uint64_t forks_refused = 0;   // forks refused at the process limit
+  bool from_cgroup = false;         // CPU (and I/O, OOM kills) of every process
+  bool memory_from_cgroup = false;  // peak of the cgroup, else of the child
+};
+// The figures of the runs that ended on this thread since the last call,
+// summed (peak memory: the largest), and clears them. One evaluation's runs
+// end on its calling thread, so a caller takes them after each evaluation.
+RunResources TakeRunResources();
+nlohmann::json RunResourcesToJson(const RunResources& resources);
 // ---- Fault switches -----------------------------------------------------------
 
 // Makes the nth allocation (counting from 1, from now on) of module fail;

@@ -1,0 +1,72 @@
+#include "run_limits.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "byte_size.h"
+
+namespace fetchlet {
+
+bool ParseCpuShare(std::string_view text, double* cpu) {
+  if (text.empty() || text.find_first_not_of("0123456789.") != text.npos) {
+    return false;
+  }
+  const std::string copy(text);
+  char* end = nullptr;
+  const double value = std::strtod(copy.c_str(), &end);
+  if (*end != '\0' || !std::isfinite(value) || value <= 0 || value > 1e6) {
+    return false;
+  }
+  *cpu = value;
+  return true;
+}
+
+std::string ParseLimitOptions(const LimitOptions& options,
+                              qvehost::RunLimits* limits) {
+  if (!options.memory.empty() &&
+      (!ParseByteSize(options.memory, &limits->memory_bytes) ||
+       limits->memory_bytes == 0)) {
+    return "bad memory limit '" + options.memory + "'";
+  }
+  if (!options.pids.empty()) {
+    const char* end = options.pids.data() + options.pids.size();
+    const auto [at, fault] =
+        std::from_chars(options.pids.data(), end, limits->pids);
+    if (fault != std::errc() || at != end || limits->pids == 0) {
+      return "bad process limit '" + options.pids + "'";
+    }
+  }
+  if (!options.cpu.empty() && !ParseCpuShare(options.cpu, &limits->cpu)) {
+    return "bad CPU limit '" + options.cpu + "'";
+  }
+  return "";
+}
+
+void PrintResources(std::ostream& err, const qvehost::RunResources& r) {
+  char line[256];
+  std::snprintf(line, sizeof line,
+                "resources: cpu %.3fs user %.3fs system (%s), peak memory "
+                "%llu bytes (%s)",
+                r.user_seconds, r.system_seconds,
+                r.from_cgroup ? "cgroup" : "direct child only",
+                static_cast<unsigned long long>(r.memory_peak_bytes),
+                r.memory_from_cgroup ? "cgroup" : "direct child only");
+  err << line;
+  if (r.from_cgroup) {
+    err << ", read " << r.io_read_bytes << " written " << r.io_write_bytes
+        << " bytes";
+  }
+  err << "\n";
+  if (r.oom_kills != 0) {
+    err << "fetchlet: the command was killed by the OOM killer at its memory "
+           "limit\n";
+  }
+  if (r.forks_refused != 0) {
+    err << "fetchlet: the command was refused a new process at its process "
+           "limit\n";
+  }
+}
+
+}  // namespace fetchlet
