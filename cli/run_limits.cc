@@ -54,7 +54,7 @@ void PrintResources(std::ostream& err, const qvehost::RunResources& r) {
                 static_cast<unsigned long long>(r.memory_peak_bytes),
                 r.memory_from_cgroup ? "cgroup" : "direct child only");
   err << line;
-  if (r.from_cgroup) {
+  if (r.io_counted) {
     err << ", read " << r.io_read_bytes << " written " << r.io_write_bytes
         << " bytes";
   }

@@ -113,7 +113,8 @@ bool LookUp(const char* user, Account* account) {
 
 // As su and login judge it: an empty shell is /bin/sh.
 bool ListedShell(const std::string& shell) {
-  const std::string_view wanted = shell.empty() ? "/bin/sh" : shell;
+  const std::string_view wanted =
+      shell.empty() ? std::string_view("/bin/sh") : std::string_view(shell);
   setusershell();
   bool listed = false;
   while (const char* entry = getusershell()) {

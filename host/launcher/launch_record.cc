@@ -30,12 +30,14 @@ constexpr char kRecordDir[] = QVE_LAUNCHER_RECORDS;
 constexpr int64_t kNanos = 1000000000;
 
 // Only root may have made it or may write it: anything else was not made by
-// the launcher.
+// the launcher. Its group, the caller's when the launcher made it, becomes
+// root's too.
 bool RootsAlone(int fd, mode_t type) {
   struct stat info;
   return fstat(fd, &info) == 0 && (info.st_mode & S_IFMT) == type &&
          info.st_uid == 0 && (info.st_mode & 077) == 0 &&
-         (type == S_IFDIR || info.st_nlink == 1);
+         (type == S_IFDIR || info.st_nlink == 1) &&
+         (info.st_gid == 0 || fchown(fd, 0, 0) == 0);
 }
 
 int OpenDirectory() {

@@ -54,6 +54,24 @@ bool ParseYesNo(std::string_view text, bool* yes) {
   return true;
 }
 
+// One setting; false for an unknown key or a value it cannot take.
+bool Set(std::string_view key, std::string_view value, Settings* settings) {
+  if (key == "service" && ValidServiceName(value)) {
+    settings->service.assign(value);
+    return true;
+  }
+  if (key == "pam_dir" && value.starts_with('/')) {
+    settings->pam_dir.assign(value);
+    return true;
+  }
+  if (key == "allow_root") return ParseYesNo(value, &settings->allow_root);
+  if (key == "allow_nologin") {
+    return ParseYesNo(value, &settings->allow_nologin);
+  }
+  if (key == "fail_delay") return ParseSeconds(value, &settings->fail_delay);
+  return false;
+}
+
 // "key = value" lines; '#' starts a comment. Unknown keys are errors, so
 // that a misspelt setting is not silently ignored.
 bool ParseSettings(std::string_view text, Settings* settings) {
@@ -67,18 +85,7 @@ bool ParseSettings(std::string_view text, Settings* settings) {
     if (equals == std::string_view::npos) return false;
     const std::string_view key = Trim(line.substr(0, equals));
     const std::string_view value = Trim(line.substr(equals + 1));
-    if (key == "service" && ValidServiceName(value)) {
-      settings->service.assign(value);
-    } else if (key == "pam_dir" && value.starts_with('/')) {
-      settings->pam_dir.assign(value);
-    } else if (key == "allow_root" && ParseYesNo(value, &settings->allow_root)) {
-    } else if (key == "allow_nologin" &&
-               ParseYesNo(value, &settings->allow_nologin)) {
-    } else if (key == "fail_delay" &&
-               ParseSeconds(value, &settings->fail_delay)) {
-    } else {
-      return false;
-    }
+    if (!Set(key, value, settings)) return false;
   }
   return true;
 }

@@ -227,7 +227,7 @@ unsigned EnableRunControllers(unsigned wanted) {
   std::lock_guard lock(g_controllers_mutex);
   const unsigned missing = wanted & ~g_controllers.load();
   if (missing == 0) return g_controllers.load();
-  const std::string runs = CgroupRunsDirectory();
+  const std::string& runs = CgroupRunsDirectory();
   const std::string host = HostCgroup();
   const unsigned possible = missing & ControllersIn(host);
   int error = 0;

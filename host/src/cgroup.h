@@ -55,6 +55,7 @@ struct CgroupFigures {
   uint64_t io_write = 0;
   uint64_t oom_kills = 0;
   uint64_t forks_refused = 0;
+  unsigned controllers = 0;  // those whose counters these are
 };
 
 struct PoolSlot;

@@ -286,6 +286,7 @@ CgroupFigures Figures(PoolSlot& slot) {
         std::string(ReadAt(slot.memory_peak, buffer, sizeof buffer)).c_str(),
         nullptr, 10);
   }
+  figures.controllers = slot.controllers;
   slot.last = now;
   slot.used = true;
   return figures;

@@ -188,7 +188,8 @@ int ChildProcess::TakeCgroup() {
   qve_error(qveulm_getLogCtx(HostLogSource(), "qvehost"),
             "the limits of a command could not be applied: %s",
             error != 0 ? std::strerror(error) : "no cgroup for the run");
-  return error != 0 ? error : ENOTSUP;
+  // A missing limit file is no missing program: the start fails as such.
+  return error != 0 && error != ENOENT ? error : ENOTSUP;
 }
 
 int ChildProcess::Start(const SpawnRequest& request) {

@@ -64,6 +64,10 @@ void RecordRun(pid_t pid, const RunLimits& limits,
     sum.io_write_bytes += figures->io_write;
     sum.oom_kills += figures->oom_kills;
     sum.forks_refused += figures->forks_refused;
+    sum.io_counted = sum.io_counted || (figures->controllers & kIo) != 0;
+    sum.oom_kills_counted =
+        sum.oom_kills_counted || (figures->controllers & kMemory) != 0;
+    sum.forks_counted = sum.forks_counted || (figures->controllers & kPids) != 0;
     LogLimitsReached(pid, limits, *figures);
   } else if (child != nullptr) {
     sum.user_seconds += Seconds(child->ru_utime);
@@ -151,12 +155,12 @@ nlohmann::json RunResourcesToJson(const RunResources& r) {
       {"memory_peak_bytes", r.memory_peak_bytes},
       {"measured_by", r.from_cgroup ? "cgroup" : "direct child"},
       {"memory_measured_by", r.memory_from_cgroup ? "cgroup" : "direct child"}};
-  if (r.from_cgroup) {
+  if (r.io_counted) {
     json["io_read_bytes"] = r.io_read_bytes;
     json["io_write_bytes"] = r.io_write_bytes;
-    json["oom_kills"] = r.oom_kills;
-    json["forks_refused"] = r.forks_refused;
   }
+  if (r.oom_kills_counted) json["oom_kills"] = r.oom_kills;
+  if (r.forks_counted) json["forks_refused"] = r.forks_refused;
   return json;
 }
 

@@ -157,11 +157,11 @@ TEST_F(LauncherAttackTest, EveryFailureAnswersAlikeToCallersButRoot) {
       ASSERT_TRUE(Shell(c.setup)) << c.setup;
     }
     const LaunchOutcome root = Attempt(As(0, c.password, {"id"}, c.user));
-    EXPECT_EQ(root.Tuple(), Outcome("R" + c.root_text + "\n", "",
+    EXPECT_EQ(root.Tuple(), Seen("R" + c.root_text + "\n", "",
                                            Refused()));
     const LaunchOutcome stranger =
         Attempt(As(StrangerUid(), c.password, {"id"}, c.user));
-    EXPECT_EQ(stranger.Tuple(), Outcome(kFailed, "", Refused()))
+    EXPECT_EQ(stranger.Tuple(), Seen(kFailed, "", Refused()))
         << c.root_text;
     EXPECT_GE(stranger.seconds, kDelay) << c.root_text;
     if (!c.undo.empty()) {
@@ -169,7 +169,7 @@ TEST_F(LauncherAttackTest, EveryFailureAnswersAlikeToCallersButRoot) {
     }
   }
   EXPECT_EQ(Attempt(As(StrangerUid(), right, {"id", "-un"})).Tuple(),
-            Outcome("", name + "\n", 0));
+            Seen("", name + "\n", 0));
 }
 
 // A guesser that kills the launcher 150 ms into a wrong try gains nothing:
@@ -177,7 +177,7 @@ TEST_F(LauncherAttackTest, EveryFailureAnswersAlikeToCallersButRoot) {
 TEST_F(LauncherAttackTest, KilledGuesserStillPaysTheDelay) {
   const struct {
     std::string password;
-    Outcome want;
+    Seen want;
     double least_seconds;  // from the killed try's start
   } cases[] = {
       {"not-" + account_->password, {kFailed, "", Refused()}, 2 * kDelay},
@@ -187,7 +187,7 @@ TEST_F(LauncherAttackTest, KilledGuesserStillPaysTheDelay) {
     LaunchAttempt killed = As(StrangerUid(), "wrong", {"id", "-un"});
     killed.kill_after_ms = 150;
     const LaunchOutcome first = Attempt(killed);
-    EXPECT_EQ(first.Tuple(), Outcome("", "", SIGKILL));
+    EXPECT_EQ(first.Tuple(), Seen("", "", SIGKILL));
     const LaunchOutcome next =
         Attempt(As(StrangerUid(), c.password, {"id", "-un"}));
     EXPECT_EQ(next.Tuple(), c.want);
@@ -207,7 +207,7 @@ TEST_F(LauncherAttackTest, ParallelTriesOfOneCallerTakeTurns) {
     other.join();
   }
   for (const LaunchOutcome& outcome : outcomes) {
-    EXPECT_EQ(outcome.Tuple(), Outcome(kFailed, "", Refused()));
+    EXPECT_EQ(outcome.Tuple(), Seen(kFailed, "", Refused()));
   }
   EXPECT_GE(std::max(outcomes[0].seconds, outcomes[1].seconds), 2 * kDelay);
 }
@@ -279,16 +279,16 @@ TEST_F(LauncherAttackTest, UserLimitsApplyAndCallerLimitsFailTheRunFirst) {
                              << account_->name << " - fsize 4096\n";
   const rlim_t mib = rlim_t{1} << 20;
   const rlim_t stack = 64 << 10;
-  const Outcome refused{kLimitsRefused, "", Refused()};
+  const Seen refused{kLimitsRefused, "", Refused()};
   const struct {
     std::pair<int, rlimit> limit;
     bool no_new_privs;
-    Outcome want;
+    Seen want;
   } cases[] = {
       {{RLIMIT_FSIZE, {mib, RLIM_INFINITY}}, false,
        {"", "77\n8192\n", 0}},
       {{RLIMIT_STACK, {stack, stack}}, false,
-       HasCapability(24) ? Outcome{"", "77\n8192\n", 0}
+       HasCapability(24) ? Seen{"", "77\n8192\n", 0}
                          : refused},
       {{RLIMIT_FSIZE, {mib, mib}}, true, refused},
   };

@@ -103,7 +103,7 @@ struct LaunchAttempt {
 };
 
 // What the caller sees: the launcher's line, the output, the status.
-using Outcome = std::tuple<std::string, std::string, int>;
+using Seen = std::tuple<std::string, std::string, int>;
 
 struct LaunchOutcome {
   std::string verdict;  // the launcher's line, tag and all
@@ -111,7 +111,7 @@ struct LaunchOutcome {
   int status = -1;      // as waitpid gives it
   double seconds = 0;
 
-  Outcome Tuple() const { return {verdict, out, status}; }
+  Seen Tuple() const { return {verdict, out, status}; }
 };
 
 inline std::string ReadToEnd(int fd) {

@@ -141,8 +141,13 @@ struct RunResources {
   uint64_t io_write_bytes = 0;
   uint64_t oom_kills = 0;       // processes the OOM killer ended
   uint64_t forks_refused = 0;   // forks refused at the process limit
-  bool from_cgroup = false;         // CPU (and I/O, OOM kills) of every process
+  bool from_cgroup = false;         // CPU of every process, not the child's
   bool memory_from_cgroup = false;  // peak of the cgroup, else of the child
+  // Which counters a controller of the runs' cgroups gave: I/O (io),
+  // OOM kills (memory) and refused forks (pids).
+  bool io_counted = false;
+  bool oom_kills_counted = false;
+  bool forks_counted = false;
 };
 // The figures of the runs that ended on this thread since the last call,
 // summed (peak memory: the largest), and clears them. One evaluation's runs
