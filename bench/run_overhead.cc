@@ -316,6 +316,17 @@ std::string JsonNumber(double value) {
 
 int main(int argc, char** argv) {
   qvehost::SetLogLevel(qvehost::LogLevel::kOff);
+  // --process-group (first): the runner without cgroups, for comparison;
+  // the counted runs below inherit it through the environment.
+  if ((argc > 1 && std::strcmp(argv[1], "--process-group") == 0) ||
+      std::getenv("QVE_BENCH_PROCESS_GROUP") != nullptr) {
+    qvehost::SetCgroupContainment(false);
+    setenv("QVE_BENCH_PROCESS_GROUP", "1", 1);
+    if (argc > 1 && std::strcmp(argv[1], "--process-group") == 0) {
+      --argc;
+      ++argv;
+    }
+  }
   Host host;
   host.context = qvehost::NewContext();
   host.log = qveulm_getLogCtx(host.context->logSource, "fetchlets.os");
