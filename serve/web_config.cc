@@ -8,20 +8,21 @@
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <utility>
+
+#include "serve/duration.h"
 
 namespace fetchlet::serve {
 namespace {
 
 // Keys of the exporters' format that this server does not implement: named
 // as such rather than as unknown, since they are not typos.
-constexpr std::array<std::string_view, 9> kUnsupportedKeys = {
+constexpr std::array<std::string_view, 7> kUnsupportedKeys = {
     "http_server_config",
-    "rate_limit",
     "cert",
     "key",
     "client_ca",
-    "cipher_suites",
     "curve_preferences",
     "max_version",
     "client_allowed_sans"};
@@ -33,6 +34,33 @@ constexpr std::array<std::pair<std::string_view, ClientAuth>, 5>
         {"RequireAnyClientCert", ClientAuth::kRequireAnyClientCert},
         {"VerifyClientCertIfGiven", ClientAuth::kVerifyClientCertIfGiven},
         {"RequireAndVerifyClientCert", ClientAuth::kRequireAndVerifyClientCert},
+    }};
+
+// The exporters' (Go's) names of the TLS 1.2 suites they offer, with
+// OpenSSL's. TLS 1.3 suites are not chosen by this key there either.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 17>
+    kCipherSuites = {{
+        {"TLS_RSA_WITH_AES_128_CBC_SHA", "AES128-SHA"},
+        {"TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA"},
+        {"TLS_RSA_WITH_AES_128_GCM_SHA256", "AES128-GCM-SHA256"},
+        {"TLS_RSA_WITH_AES_256_GCM_SHA384", "AES256-GCM-SHA384"},
+        {"TLS_AES_128_GCM_SHA256", ""},
+        {"TLS_AES_256_GCM_SHA384", ""},
+        {"TLS_CHACHA20_POLY1305_SHA256", ""},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA", "ECDHE-ECDSA-AES128-SHA"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA", "ECDHE-ECDSA-AES256-SHA"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA", "ECDHE-RSA-AES128-SHA"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA", "ECDHE-RSA-AES256-SHA"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256",
+         "ECDHE-ECDSA-AES128-GCM-SHA256"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256", "ECDHE-RSA-AES128-GCM-SHA256"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384",
+         "ECDHE-ECDSA-AES256-GCM-SHA384"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384", "ECDHE-RSA-AES256-GCM-SHA384"},
+        {"TLS_ECDHE_ECDSA_WITH_CHACHA20_POLY1305_SHA256",
+         "ECDHE-ECDSA-CHACHA20-POLY1305"},
+        {"TLS_ECDHE_RSA_WITH_CHACHA20_POLY1305_SHA256",
+         "ECDHE-RSA-CHACHA20-POLY1305"},
     }};
 
 class Loader {
@@ -49,6 +77,8 @@ class Loader {
         Tls(entry.value, &web->tls.emplace());
       } else if (entry.key == "basic_auth_users") {
         Users(entry.value, &web->basic_auth_users);
+      } else if (entry.key == "rate_limit") {
+        Rate(entry.value, &web->rate_limit);
       } else {
         Unknown(entry);
       }
@@ -129,6 +159,8 @@ class Loader {
         ClientAuthType(value, &tls->client_auth);
       } else if (key == "min_version") {
         MinVersion(value, &tls->min_version);
+      } else if (key == "cipher_suites") {
+        CipherSuites(value, &tls->cipher_suites);
       } else {
         Unknown({key, key_mark, value});
       }
@@ -177,6 +209,49 @@ class Loader {
     } else {
       Problem(node.Mark(),
               "invalid min_version \"" + *name + "\" (TLS12 or TLS13)");
+    }
+  }
+
+  void CipherSuites(const YAML::Node& node, std::vector<std::string>* out) {
+    if (!node.IsSequence()) {
+      Problem(node.Mark(), "expected a list of cipher suites");
+      return;
+    }
+    for (const YAML::Node& item : node) {
+      std::optional<std::string> name = String(item);
+      if (!name) continue;
+      const auto* known = std::find_if(
+          kCipherSuites.begin(), kCipherSuites.end(),
+          [&](const auto& suite) { return suite.first == *name; });
+      if (known == kCipherSuites.end()) {
+        Problem(item.Mark(), "unknown cipher suite \"" + *name + "\"");
+      } else if (!known->second.empty()) {
+        out->emplace_back(known->second);
+      }
+    }
+  }
+
+  void Rate(const YAML::Node& node, RateLimit* limit) {
+    for (const auto& [key, key_mark, value] : Entries(node)) {
+      if (key == "interval") {
+        std::optional<std::string> text = String(value);
+        std::optional<Duration> interval =
+            text ? ParseDuration(*text) : std::nullopt;
+        if (text && !interval) {
+          Problem(value.Mark(), "invalid interval \"" + *text + "\"");
+        }
+        if (interval) limit->interval = *interval;
+      } else if (key == "burst") {
+        long long burst = -1;
+        if (value.IsScalar()) YAML::convert<long long>::decode(value, burst);
+        if (burst < 1) Problem(value.Mark(), "burst must be a whole number >= 1");
+        limit->burst = burst;
+      } else {
+        Unknown({key, key_mark, value});
+      }
+    }
+    if (node.IsMap() && limit->interval.count() > 0 && !node["burst"]) {
+      Problem(node.Mark(), "burst is missing");
     }
   }
 

@@ -109,6 +109,14 @@ TEST_F(ServeCommandTest, ToldReadyWhenBoundReloadingAroundHupStoppingAtTerm) {
   const httplib::Result healthz = client.Get("/healthz");
   ASSERT_TRUE(healthz);
   EXPECT_EQ(healthz->status, 200);
+  {  // a second serve on the held address, which it names, and no sharing
+    ServeProcess second(Args(), dir_ + "/second.log");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_NE(qvetest::ReadServeFile(dir_ + "/second.log")
+                  .find("fetchlet: cannot listen on 127.0.0.1:" +
+                        std::to_string(port_) + ": Address already in use"),
+              std::string::npos);
+  }
 
   const struct {
     int collectors;

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "common/processes.h"
+#include "serve/http_server.h"
 #include "serve/web_config.h"
 #include "tests/serve/serve_wire_support.h"
 
@@ -38,7 +39,7 @@ class WebTlsTest : public testing::Test {
   static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
 
   void TearDown() override {
-    if (server_) server_->stop();
+    if (server_) server_->Stop();
     if (thread_.joinable()) thread_.join();
   }
 
@@ -54,13 +55,13 @@ class WebTlsTest : public testing::Test {
     ASSERT_NE(server_, nullptr) << error;
     auto auth = std::make_shared<const BasicAuth>(web->basic_auth_users);
     RequireBasicAuth(*server_, [auth] { return auth; });
-    server_->Get("/metrics", [](const httplib::Request&, httplib::Response& r) {
-      r.set_content("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
+    server_->Get("/metrics", [](const HttpRequest&, HttpResponse& r) {
+      r.Set("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
     });
-    port_ = server_->bind_to_any_port("127.0.0.1");
-    ASSERT_GT(port_, 0);
+    ASSERT_TRUE(server_->Bind("127.0.0.1", 0, &error)) << error;
+    port_ = server_->port();
     // Bound already: connections wait in the backlog until listening starts.
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    thread_ = std::thread([this] { server_->Run(); });
   }
 
   std::string Curl(const std::string& options, int* exit_status) {
@@ -72,7 +73,7 @@ class WebTlsTest : public testing::Test {
   }
 
   static inline std::string dir_;
-  std::unique_ptr<httplib::Server> server_;
+  std::unique_ptr<HttpServer> server_;
   std::thread thread_;
   int port_ = 0;
 };
