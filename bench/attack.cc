@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -176,8 +177,11 @@ int main() {
   std::printf("scrape p99 %.3f ms quiet, %.3f ms under attack; serve peak "
               "%.1f MiB after floods; %.1f guesses a minute\n",
               quiet, attacked, rss, guesses);
+  // JSON has no NaN: a figure that could not be measured is null.
+  const std::string guessed =
+      std::isnan(guesses) ? "null" : std::to_string(guesses);
   std::printf("{\"bench\":\"attack\",\"p99_ms_quiet\":%.3f,"
               "\"p99_ms_under_attack\":%.3f,\"ratio_p99\":%.3f,"
-              "\"peak_rss_mib_flood\":%.1f,\"guesses_per_min\":%.1f}\n",
-              quiet, attacked, attacked / quiet, rss, guesses);
+              "\"peak_rss_mib_flood\":%.1f,\"guesses_per_min\":%s}\n",
+              quiet, attacked, attacked / quiet, rss, guessed.c_str());
 }
