@@ -236,9 +236,9 @@ TEST_F(ServeCommandTest, RefusesToStartWithABadWebConfig) {
     std::string logged;
   } cases[] = {
       {"tls_server_confg:\n  cert_file: server.crt\n",
-       "/web.yml:1:1: unknown key \"tls_server_confg\""},
+       "/web.yml:1:1: unknown key 'tls_server_confg' in the web configuration"},
       {"basic_auth_users:\n  alice: x\n",
-       "/web.yml:2:10: the hash of \"alice\" is not a bcrypt hash"},
+       "/web.yml:2:10: the hash of 'alice' is not a bcrypt hash"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: client.key\n",
        "fetchlet: "},
   };

@@ -73,37 +73,38 @@ TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n",
        ""},
       {"tls_server_confg:\n  cert_file: server.crt\n",
-       "1:1: unknown key \"tls_server_confg\"\n"},
+       "1:1: unknown key 'tls_server_confg' in the web configuration\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  cipher_suites: [TLS_AES_128_GCM_SHA256, TLS_RSA_WITH_RC4_128_SHA]\n"
        "  curve_preferences: [X25519]\n",
-       "4:43: unknown cipher suite \"TLS_RSA_WITH_RC4_128_SHA\"\n"
-       "5:3: \"curve_preferences\" is not supported\n"},
+       "4:43: unknown cipher suite 'TLS_RSA_WITH_RC4_128_SHA'\n"
+       "5:3: 'curve_preferences' is not supported\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  cipher_suites: TLS_AES_128_GCM_SHA256\n",
-       "4:18: expected a list of cipher suites\n"},
+       "4:18: 'cipher_suites' must be a list\n"},
       {"rate_limit: {interval: 1s, burst: 0}\n",
-       "1:35: burst must be a whole number >= 1\n"},
+       "1:35: 'burst' must be at least 1\n"},
       {"rate_limit: {interval: soon, burst: 2, rate: 1}\n",
-       "1:24: invalid interval \"soon\"\n1:40: unknown key \"rate\"\n"},
-      {"rate_limit: {interval: 1s}\n", "1:13: burst is missing\n"},
+       "1:24: 'interval' must be a duration (0s, 500ms, 1s)\n"
+       "1:40: unknown key 'rate' in rate_limit\n"},
+      {"rate_limit: {interval: 1s}\n", "1:13: missing key 'burst'\n"},
       {"rate_limit: {interval: 0s}\n", ""},
       {"basic_auth_users:\n  alice: x\nbasic_auth_users: {}\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"
-       "3:1: duplicate key \"basic_auth_users\"\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"
+       "3:1: duplicate key 'basic_auth_users'\n"},
       {"basic_auth_users:\n  alice: "
        "$1$abcdefgh$0123456789012345678901\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"},
       {"basic_auth_users:\n  alice: "
        "$2b$99$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"},
       {"basic_auth_users:\n  \"a:b\": "
        "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
-       "2:3: invalid user name \"a:b\"\n"},
+       "2:3: invalid user name 'a:b'\n"},
       {"tls_server_config:\n  cert_file: missing.crt\n  key_file: server.key\n",
-       "2:14: cannot read \"DIR/missing.crt\": No such file or directory\n"},
+       "2:14: cannot read 'DIR/missing.crt': No such file or directory\n"},
       {"tls_server_config:\n  key_file: server.key\n",
-       "2:3: cert_file is missing\n"},
+       "2:3: missing key 'cert_file'\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  client_auth_type: RequireAndVerifyClientCert\n",
        "2:3: client_auth_type verifies client certificates but client_ca_file "
@@ -114,12 +115,15 @@ TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
        "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  client_auth_type: requireandverifyclientcert\n  min_version: TLS11\n",
-       "4:21: invalid client_auth_type \"requireandverifyclientcert\"\n"
-       "5:16: invalid min_version \"TLS11\" (TLS12 or TLS13)\n"},
-      {"tls_server_config: yes\n", "1:20: expected a mapping\n"},
+       "4:21: invalid client_auth_type 'requireandverifyclientcert'\n"
+       "5:16: invalid min_version 'TLS11' (TLS12 or TLS13)\n"},
+      {"tls_server_config: yes\n", "1:20: tls_server_config must be a mapping\n"},
       {"tls_server_config:\n  cert_file: [a]\n  key_file: server.key\n",
-       "2:14: expected a non-empty string\n"},
+       "2:14: 'cert_file' must be a string\n"},
       {"basic_auth_users: {alice: \n", "2:1: end of map flow not found\n"},
+      {"- tls_server_config\n", "1:1: the web configuration must be a mapping\n"},
+      {"tls_server_config:\n  cert_file: ''\n  key_file: server.key\n",
+       "2:14: 'cert_file' must not be empty\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
