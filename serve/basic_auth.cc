@@ -125,7 +125,8 @@ bool BasicAuth::Allows(std::string_view authorization) const {
   }
   std::optional<std::string> pair =
       DecodeBase64(authorization.substr(kScheme.size()));
-  const size_t colon = pair ? pair->find(':') : std::string::npos;
+  if (!pair) return false;
+  const size_t colon = pair->find(':');
   // crypt reads a C string: a zero byte would cut the password short.
   if (colon == std::string::npos || pair->find('\0') != std::string::npos) {
     return false;

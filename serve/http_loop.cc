@@ -26,7 +26,7 @@ constexpr uint64_t kListenTag = 0;
 constexpr uint64_t kWakeTag = 1;
 // What a closing connection may still send before it is cut off.
 constexpr size_t kLingerBytes = 1 << 20;
-constexpr std::chrono::seconds kLinger{2};
+constexpr std::chrono::seconds kLingerTime{2};
 constexpr auto kSweepEvery = std::chrono::milliseconds(250);
 
 enum class Io { kOk, kAgain, kEnd };
@@ -322,7 +322,7 @@ class HttpServer::Loop {
       if (conn.ssl != nullptr) SSL_shutdown(conn.ssl);
       shutdown(conn.fd, SHUT_WR);
       conn.state = Conn::kLinger;
-      conn.deadline = conn.since + kLinger;
+      conn.deadline = conn.since + kLingerTime;
       return true;
     }
     conn.state = Conn::kReading;

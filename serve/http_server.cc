@@ -94,7 +94,7 @@ HttpResponse HttpServer::Answer(const HttpRequest& request) const {
     }
     route->second(request, response);
   } catch (const std::exception&) {
-    response = ErrorResponse(503);
+    response = ErrorResponse(500);
   }
   return response;
 }

@@ -87,6 +87,7 @@ const char* Reason(int status) {
     case 414: return "URI Too Long";
     case 429: return "Too Many Requests";
     case 431: return "Request Header Fields Too Large";
+    case 500: return "Internal Server Error";
     case 503: return "Service Unavailable";
     case 505: return "HTTP Version Not Supported";
     default: return "Error";
@@ -138,12 +139,13 @@ HeadParse ParseHead(std::string_view data, const HeadLimits& limits,
 std::string Serialize(const HttpResponse& response, bool head_only) {
   std::string out;
   out.reserve(256 + (head_only ? 0 : response.body.size()));
-  out += "HTTP/1.1 " + std::to_string(response.status) + " " +
-         Reason(response.status) + "\r\n";
-  out += "Content-Type: " + response.content_type + "\r\n";
-  out += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+  out.append("HTTP/1.1 ").append(std::to_string(response.status));
+  out.append(" ").append(Reason(response.status)).append("\r\n");
+  out.append("Content-Type: ").append(response.content_type).append("\r\n");
+  out.append("Content-Length: ").append(std::to_string(response.body.size()));
+  out.append("\r\n");
   for (const auto& [name, value] : response.headers) {
-    out += name + ": " + value + "\r\n";
+    out.append(name).append(": ").append(value).append("\r\n");
   }
   if (response.close) out += "Connection: close\r\n";
   out += "\r\n";
