@@ -212,7 +212,7 @@ class HttpServer::Loop {
         oldest = conn.get();
       }
     }
-    if (oldest != nullptr) conns_.erase(oldest->id);
+    if (oldest != nullptr) Close(*oldest);
     return oldest != nullptr;
   }
 
@@ -222,10 +222,34 @@ class HttpServer::Loop {
       paused_ = false;
     }
     const Clock::time_point now = Clock::now();
-    std::erase_if(conns_, [now](const auto& entry) {
-      return entry.second->state != Conn::kWaiting &&
-             entry.second->deadline <= now;
-    });
+    std::vector<Conn*> expired;
+    for (const auto& [id, conn] : conns_) {
+      if (conn->state != Conn::kWaiting && conn->deadline <= now) {
+        expired.push_back(conn.get());
+      }
+    }
+    for (Conn* conn : expired) Close(*conn);
+  }
+
+  void Close(Conn& conn) {
+    if (conn.state == Conn::kWriting) unsent_ -= conn.out.size();
+    conns_.erase(conn.id);
+  }
+
+  // Responses held for clients that do not read them are bounded in all:
+  // past the bound, the one waiting longest for its client is dropped.
+  void BoundUnsent(const Conn& keep) {
+    while (unsent_ > limits_.max_unsent) {
+      Conn* oldest = nullptr;
+      for (const auto& [id, conn] : conns_) {
+        if (conn->state == Conn::kWriting && conn.get() != &keep &&
+            (oldest == nullptr || conn->since < oldest->since)) {
+          oldest = conn.get();
+        }
+      }
+      if (oldest == nullptr) return;
+      Close(*oldest);
+    }
   }
 
   // Moves conn on as far as it can go without waiting.
@@ -250,7 +274,7 @@ class HttpServer::Loop {
       conn.state = Conn::kReading;
       return true;
     }
-    if (conn.TlsFailure(result) == Io::kEnd) conns_.erase(conn.id);
+    if (conn.TlsFailure(result) == Io::kEnd) Close(conn);
     return false;
   }
 
@@ -273,7 +297,7 @@ class HttpServer::Loop {
     const Io io = conn.Read(buffer.data(), buffer.size(), &got);
     if (io == Io::kAgain) return false;
     if (io == Io::kEnd) {
-      conns_.erase(conn.id);
+      Close(conn);
       return false;
     }
     if (conn.between_requests) {
@@ -295,6 +319,7 @@ class HttpServer::Loop {
 
   void Respond(Conn& conn, std::string out, bool close_after) {
     conn.out = std::move(out);
+    unsent_ += conn.out.size();
     conn.written = 0;
     conn.close_after = close_after;
     conn.state = Conn::kWriting;
@@ -309,11 +334,12 @@ class HttpServer::Loop {
                                conn.out.size() - conn.written, &put);
       if (io == Io::kAgain) return false;
       if (io == Io::kEnd) {
-        conns_.erase(conn.id);
+        Close(conn);
         return false;
       }
       conn.written += put;
     }
+    unsent_ -= conn.out.size();
     conn.out = std::string();  // a large body is not kept for the next one
     conn.since = Clock::now();
     if (conn.close_after) {
@@ -341,7 +367,7 @@ class HttpServer::Loop {
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
       conn.discarded += n > 0 ? static_cast<size_t>(n) : 0;
       if (n <= 0 || conn.discarded > kLingerBytes) {
-        conns_.erase(conn.id);
+        Close(conn);
         return false;
       }
     }
@@ -382,8 +408,10 @@ class HttpServer::Loop {
     for (Done& answer : done) {
       const auto found = conns_.find(answer.id);
       if (found == conns_.end()) continue;
-      Respond(*found->second, std::move(answer.out), answer.close);
-      Pump(*found->second);
+      Conn& conn = *found->second;
+      Respond(conn, std::move(answer.out), answer.close);
+      BoundUnsent(conn);
+      Pump(conn);
     }
   }
 
@@ -391,6 +419,7 @@ class HttpServer::Loop {
   const ListenerLimits limits_;
   int epoll_ = -1;
   bool paused_ = false;
+  std::size_t unsent_ = 0;  // bytes of responses in kWriting
   uint64_t next_id_ = 2;
   std::unordered_map<uint64_t, std::unique_ptr<Conn>> conns_;
   std::mutex mutex_;

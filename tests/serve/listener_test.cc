@@ -64,8 +64,13 @@ TEST(ParseHeadTest, RefusesWhatABoundedServerMustNotRead) {
 // A raw connection to the listener, for what no polite client sends.
 class Raw {
  public:
-  explicit Raw(int port) {
+  // receive_buffer > 0 keeps what the kernel takes for us small.
+  explicit Raw(int port, int receive_buffer = 0) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receive_buffer > 0) {
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer,
+                 sizeof receive_buffer);
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
@@ -78,6 +83,8 @@ class Raw {
   ~Raw() { close(fd_); }
 
   bool connected() const { return connected_; }
+  // Whether the last ReadAll ended with the peer's close.
+  bool closed() const { return closed_; }
 
   // True when the peer closed without a word within a generous bound.
   bool Closed() {
@@ -106,6 +113,7 @@ class Raw {
       pollfd p{fd_, POLLIN, 0};
       if (poll(&p, 1, quiet_ms) != 1) return out;
       const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      closed_ = n <= 0;
       if (n <= 0) return out;
       out.append(buffer, static_cast<size_t>(n));
     }
@@ -114,6 +122,7 @@ class Raw {
  private:
   int fd_ = -1;
   bool connected_ = false;
+  bool closed_ = false;
 };
 
 class ListenerTest : public testing::Test {
@@ -128,6 +137,9 @@ class ListenerTest : public testing::Test {
     RequireBasicAuth(*server_, [auth] { return auth; });
     server_->Get("/echo", [](const HttpRequest& request, HttpResponse& r) {
       r.Set(request.target + "\n", "text/plain");
+    });
+    server_->Get("/big", [](const HttpRequest&, HttpResponse& r) {
+      r.Set(std::string(16 << 20, 'b'), "text/plain");
     });
     ASSERT_TRUE(server_->Bind("127.0.0.1", 0, &error)) << error;
     thread_ = std::thread([this] { server_->Run(); });
@@ -239,6 +251,25 @@ TEST_F(ListenerTest, TheConnectionIdleLongestMakesRoomAtTheCap) {
   EXPECT_TRUE(raw.ReadAll().ends_with("\r\n\r\n/echo\n"));
   EXPECT_TRUE(idle.front()->Closed());
   EXPECT_TRUE(idle.back()->connected());
+}
+
+// Clients that ask for large answers and never read them hold memory only
+// up to a bound: the one waiting longest is dropped, a reader is served.
+TEST_F(ListenerTest, ClientsThatDoNotTakeTheirAnswersAreDroppedPastABound) {
+  ListenerLimits limits;
+  limits.max_unsent = 40 << 20;
+  Start(limits);
+  std::vector<std::unique_ptr<Raw>> stalled;
+  for (int i = 0; i < 3; ++i) {
+    stalled.push_back(std::make_unique<Raw>(server_->port(), 4096));
+    stalled.back()->Send("GET /big HTTP/1.1\r\n\r\n");
+    std::this_thread::sleep_for(200ms);  // an order of arrival, not timing
+  }
+  Raw reader(server_->port());
+  reader.Send("GET /big HTTP/1.1\r\nConnection: close\r\n\r\n");
+  EXPECT_GT(reader.ReadAll().size(), 16u << 20);
+  EXPECT_LT(stalled.front()->ReadAll().size(), 16u << 20);
+  EXPECT_TRUE(stalled.front()->closed());
 }
 
 }  // namespace
