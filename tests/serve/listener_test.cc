@@ -253,6 +253,38 @@ TEST_F(ListenerTest, TheConnectionIdleLongestMakesRoomAtTheCap) {
   EXPECT_TRUE(idle.back()->connected());
 }
 
+// Fifty clients connecting at once, before the server accepts any, all
+// find room in the listen backlog rather than waiting for a retry.
+TEST(ListenerBacklogTest, FiftyConnectionsAtOnceAreAllQueued) {
+  std::string error;
+  HttpServer server;
+  ASSERT_TRUE(server.Bind("127.0.0.1", 0, &error)) << error;
+  std::vector<pollfd> clients;
+  for (int i = 0; i < 50; ++i) {
+    const int fd =
+        socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(server.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    clients.push_back({fd, POLLOUT, 0});
+  }
+  size_t connected = 0;
+  const auto give_up = std::chrono::steady_clock::now() + 20s;
+  while (connected < clients.size() &&
+         std::chrono::steady_clock::now() < give_up) {
+    std::this_thread::sleep_for(10ms);
+    poll(clients.data(), clients.size(), 0);
+    connected = 0;
+    for (const pollfd& client : clients) {
+      connected += (client.revents & POLLOUT) != 0 ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(connected, clients.size());
+  for (const pollfd& client : clients) close(client.fd);
+}
+
 // Clients that ask for large answers and never read them hold memory only
 // up to a bound: the one waiting longest is dropped, a reader is served.
 TEST_F(ListenerTest, ClientsThatDoNotTakeTheirAnswersAreDroppedPastABound) {
