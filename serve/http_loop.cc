@@ -94,8 +94,10 @@ class HttpServer::Loop {
     epoll_ctl(epoll_, op, fd, &event);
   }
 
+  // A batch at a time: a flood of connections must not keep the loop from
+  // the clients it has (the listening socket is level-triggered).
   void Accept() {
-    for (;;) {
+    for (int i = 0; i < 64; ++i) {
       const int fd = accept4(server_.listen_fd_, nullptr, nullptr,
                              SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd < 0) {
