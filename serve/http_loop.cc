@@ -292,8 +292,9 @@ class HttpServer::Loop {
     }
     conn.state = Conn::kReading;
     conn.between_requests = conn.in.empty();
-    conn.deadline = conn.since + (conn.between_requests ? limits_.idle
-                                                        : limits_.head_deadline);
+    conn.deadline =
+        conn.since +
+        (conn.between_requests ? limits_.idle : limits_.head_deadline);
     if (conn.in.empty()) conn.in.shrink_to_fit();
     return true;
   }

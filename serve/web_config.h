@@ -85,9 +85,9 @@ void LimitRate(HttpServer& server, const RateLimit& limit);
 // refused at once. Each pair checked, allowed or refused, is remembered
 // (a bounded number of each) by a keyed digest of user, password and hash,
 // never the password: a scraper does not pay the hash on every scrape, nor
-// a repeated wrong guess on every try. An unknown user is checked against a decoy hash of the
-// highest cost among the users, so that timing does not tell which users
-// exist. Safe to call from many threads.
+// a repeated wrong guess on every try. An unknown user is checked against a
+// decoy hash of the highest cost among the users, so that timing does not
+// tell which users exist. Safe to call from many threads.
 class BasicAuth {
  public:
   explicit BasicAuth(std::map<std::string, std::string> users);

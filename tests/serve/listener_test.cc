@@ -55,7 +55,8 @@ TEST(ParseHeadTest, RefusesWhatABoundedServerMustNotRead) {
     const HeadParse parse = ParseHead(c.head, HeadLimits{}, &request);
     EXPECT_EQ(parse.status, c.status);
     if (parse.status == 0) {
-      EXPECT_EQ(c.head.substr(parse.used), c.head.ends_with("GET") ? "GET" : "");
+      EXPECT_EQ(c.head.substr(parse.used),
+                c.head.ends_with("GET") ? "GET" : "");
       EXPECT_EQ(request.keep_alive, c.keep_alive);
     }
   }
@@ -165,7 +166,8 @@ TEST_F(ListenerTest, PipelinedRequestsAreEachAnsweredInOrder) {
             "Content-Length: 8\r\n\r\n/echo?1\n"
             "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
             "Content-Length: 8\r\n\r\n"
-            "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
+            "HTTP/1.1 404 Not Found\r\n"
+            "Content-Type: text/plain; charset=utf-8\r\n"
             "Content-Length: 10\r\n\r\nNot Found\n"
             "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
             "Content-Length: 8\r\nConnection: close\r\n\r\n/echo?4\n");
