@@ -97,34 +97,6 @@ void ReadCollectors(YamlReader& reader, const YAML::Node& node,
   }
 }
 
-std::optional<YAML::Node> Parse(const std::string& path,
-                                std::vector<ConfigProblem>* problems) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    problems->push_back({{path, 1, 1}, "cannot open the file"});
-    return std::nullopt;
-  }
-  std::stringstream text;
-  text << in.rdbuf();
-  try {
-    return YAML::Load(text.str());
-  } catch (const YAML::ParserException& e) {
-    problems->push_back({{path, e.mark.line + 1, e.mark.column + 1}, e.msg});
-  } catch (const YAML::Exception& e) {
-    problems->push_back({{path, 1, 1}, e.msg});
-  }
-  return std::nullopt;
-}
-
-// Problems in the order of the file, whatever order the checks ran in.
-void SortByPlace(std::vector<ConfigProblem>* problems, size_t from) {
-  std::stable_sort(problems->begin() + static_cast<ptrdiff_t>(from),
-                   problems->end(),
-                   [](const ConfigProblem& a, const ConfigProblem& b) {
-                     return std::tie(a.where.line, a.where.column) <
-                            std::tie(b.where.line, b.where.column);
-                   });
-}
 
 }  // namespace
 
@@ -150,7 +122,7 @@ std::optional<Config> LoadConfig(const std::string& path,
                                  std::vector<ConfigProblem>* problems,
                                  std::vector<ConfigProblem>* warnings) {
   const size_t before = problems->size();
-  const std::optional<YAML::Node> root = Parse(path, problems);
+  const std::optional<YAML::Node> root = YamlReader::Parse(path, problems);
   if (!root) return std::nullopt;
   YamlReader reader(path, problems, warnings);
   Config config;
@@ -167,8 +139,8 @@ std::optional<Config> LoadConfig(const std::string& path,
     reader.Problem(*root, "missing key 'collectors'");
   }
   CheckFamilyClashes(reader, config.collectors);
-  SortByPlace(problems, before);
-  SortByPlace(warnings, 0);
+  YamlReader::SortByPlace(problems, before);
+  YamlReader::SortByPlace(warnings, 0);
   if (problems->size() != before) return std::nullopt;
   return config;
 }

@@ -1,9 +1,21 @@
+// The listener is our own (serve/http_server.h) rather than cpp-httplib's:
+// that library gives each connection a worker thread for as long as it is
+// open, so a few idle or dripping clients starve every scrape; it bounds a
+// request only per recv, and Debian's build fixes a listen backlog of 5
+// and port sharing (SO_REUSEPORT). A Debian server library with an event
+// loop (libmicrohttpd) would bound clients, but speaks TLS through GnuTLS:
+// every client-certificate policy, the cipher suites and the errors of the
+// web configuration would have to be written again. One epoll loop over
+// OpenSSL keeps the TLS set-up as it is and costs an idle client memory
+// only.
 #include "serve/http.h"
 
-#include <httplib.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <charconv>
 
+#include "serve/http_server.h"
 #include "serve/meta_metrics.h"
 
 namespace fetchlet::serve {
@@ -13,9 +25,15 @@ constexpr double kDefaultScrapeTimeout = 10;
 // Left to the scraper to receive the body before its own deadline.
 constexpr double kScrapeMargin = 0.5;
 
-SteadyTime ScrapeDeadline(const httplib::Request& request) {
-  const std::string header =
-      request.get_header_value("X-Prometheus-Scrape-Timeout-Seconds");
+// Descriptors that evaluations may need: the process's own, and each
+// evaluation's pipes, process and cgroup handles, generously.
+constexpr std::size_t kReservedDescriptors = 64;
+constexpr std::size_t kDescriptorsPerEvaluation = 16;
+constexpr std::size_t kMaxConnections = 4096;
+
+SteadyTime ScrapeDeadline(const HttpRequest& request) {
+  const std::string_view header =
+      request.Header("X-Prometheus-Scrape-Timeout-Seconds");
   double seconds = kDefaultScrapeTimeout;
   if (!header.empty()) {
     double parsed = 0;
@@ -29,29 +47,46 @@ SteadyTime ScrapeDeadline(const httplib::Request& request) {
              std::chrono::duration<double>(seconds));
 }
 
-void ServeMetrics(const httplib::Request& request, httplib::Response& response,
+void ServeMetrics(const HttpRequest& request, HttpResponse& response,
                   Scheduler& scheduler, bool last_reload_successful) {
-  const Format format = NegotiateFormat(request.get_header_value("Accept"));
+  const Format format = NegotiateFormat(std::string(request.Header("Accept")));
   std::string body = RenderScrape(scheduler, last_reload_successful, format,
                                    ScrapeDeadline(request));
-  if (AcceptsGzip(request.get_header_value("Accept-Encoding"))) {
+  if (AcceptsGzip(std::string(request.Header("Accept-Encoding")))) {
     body = Gzip(body);
-    response.set_header("Content-Encoding", "gzip");
+    response.headers.emplace_back("Content-Encoding", "gzip");
   }
-  // The library would compress text again, ignoring q-values: it must not
-  // see what the client accepts.
-  const_cast<httplib::Request&>(request).headers.erase("Accept-Encoding");
-  response.set_content(std::move(body), ContentType(format));
+  response.Set(std::move(body), ContentType(format));
 }
 
 }  // namespace
 
-std::unique_ptr<httplib::Server> MakeListener(const WebConfig& web,
-                                              std::string* error) {
-  std::unique_ptr<httplib::Server> server = MakeHttpServer(web, error);
+std::size_t ConnectionBudget(int evaluations) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+      limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+  }
+  const std::size_t reserved =
+      kReservedDescriptors +
+      kDescriptorsPerEvaluation *
+          static_cast<std::size_t>(std::max(evaluations, 1));
+  const std::size_t open = static_cast<std::size_t>(
+      std::min<rlim_t>(limit.rlim_cur, kMaxConnections + reserved));
+  return open > reserved + 16 ? open - reserved : 16;
+}
+
+std::unique_ptr<HttpServer> MakeListener(const WebConfig& web,
+                                         std::size_t max_connections,
+                                         std::string* error) {
+  std::unique_ptr<HttpServer> server = MakeHttpServer(web, error);
   if (!server) return nullptr;
-  server->set_keep_alive_timeout(30);
-  server->set_keep_alive_max_count(100000);
+  ListenerLimits limits = server->limits();
+  limits.max_connections = max_connections;
+  server->SetLimits(limits);
+  LimitRate(*server, web.rate_limit);
   return server;
 }
 
@@ -97,17 +132,17 @@ std::string RenderScrape(Scheduler& scheduler, bool last_reload_successful,
   return body;
 }
 
-void AddRoutes(httplib::Server& server, Scheduler& scheduler,
+void AddRoutes(HttpServer& server, Scheduler& scheduler,
                const std::atomic<bool>& last_reload_successful) {
-  server.Get("/metrics", [&](const httplib::Request& request,
-                             httplib::Response& response) {
+  server.Get("/metrics", [&](const HttpRequest& request,
+                             HttpResponse& response) {
     ServeMetrics(request, response, scheduler, last_reload_successful.load());
   });
-  server.Get("/healthz", [](const httplib::Request&, httplib::Response& r) {
-    r.set_content("ok\n", "text/plain; charset=utf-8");
+  server.Get("/healthz", [](const HttpRequest&, HttpResponse& response) {
+    response.Set("ok\n", "text/plain; charset=utf-8");
   });
-  server.Get("/", [&](const httplib::Request&, httplib::Response& response) {
-    response.set_content(StatusPage(scheduler), "text/html; charset=utf-8");
+  server.Get("/", [&](const HttpRequest&, HttpResponse& response) {
+    response.Set(StatusPage(scheduler), "text/html; charset=utf-8");
   });
 }
 

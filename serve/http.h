@@ -3,6 +3,7 @@
 #define FETCHLET_SERVE_HTTP_H_
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -10,17 +11,22 @@
 #include "serve/schedule.h"
 #include "serve/web_config.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace fetchlet::serve {
 
+class HttpServer;
+
+// How many connections the listener may hold open: the soft limit on open
+// descriptors is raised to the hard one, and what evaluations may need
+// (64, and 16 for each evaluation at once) is kept for them, so that a
+// command always starts whatever clients do. At most 4096.
+std::size_t ConnectionBudget(int evaluations);
+
 // Every server serve listens with is made here: plain or TLS as web says,
-// with serve's keep-alive limits. nullptr with *error when TLS cannot be
-// set up.
-std::unique_ptr<httplib::Server> MakeListener(const WebConfig& web,
-                                              std::string* error);
+// with its rate limit and at most max_connections open. nullptr with
+// *error when TLS cannot be set up.
+std::unique_ptr<HttpServer> MakeListener(const WebConfig& web,
+                                         std::size_t max_connections,
+                                         std::string* error);
 
 // "ADDR:PORT" ("[::1]:PORT" for IPv6); false when it is not one.
 bool ParseListen(const std::string& listen, std::string* host, int* port);
@@ -33,7 +39,7 @@ std::string RenderScrape(Scheduler& scheduler, bool last_reload_successful,
 // An HTML page: each collector's schedule, status, value age, last error.
 std::string StatusPage(const Scheduler& scheduler);
 
-void AddRoutes(httplib::Server& server, Scheduler& scheduler,
+void AddRoutes(HttpServer& server, Scheduler& scheduler,
                const std::atomic<bool>& last_reload_successful);
 
 }  // namespace fetchlet::serve

@@ -1,12 +1,12 @@
 #include "serve/server.h"
 
-#include <httplib.h>
 #include <spdlog/spdlog.h>
 
 #include <thread>
 
 #include "qve/embedded.h"
 #include "serve/http.h"
+#include "serve/http_server.h"
 
 namespace fetchlet::serve {
 
@@ -93,6 +93,7 @@ bool Server::Start(std::string* error) {
                           ? config_->max_concurrent
                           : static_cast<int>(std::thread::hardware_concurrency());
   scheduler_ = std::make_unique<Scheduler>(workers, config_->jitter);
+  max_connections_ = ConnectionBudget(workers);
   scheduler_->SetCollectors(std::move(collectors));
   const std::string listen =
       listen_override_.empty() ? config_->listen : listen_override_;
@@ -124,22 +125,19 @@ bool Server::Listen(const std::string& listen, std::string* error) {
     *error = "bad listen address '" + listen + "'";
     return false;
   }
-  http_ = MakeListener(*web_, error);
+  http_ = MakeListener(*web_, max_connections_, error);
   if (!http_) return false;
   if (!web_config_path_.empty()) {
     RequireBasicAuth(*http_, [this] { return auth(); });
   }
   AddRoutes(*http_, *scheduler_, last_reload_successful_);
-  if (port_ == 0) {
-    port_ = http_->bind_to_any_port(host_);
-  } else if (!http_->bind_to_port(host_, port_)) {
-    port_ = -1;
-  }
-  if (port_ < 0) {
-    *error = "cannot listen on " + listen;
+  std::string why;
+  if (!http_->Bind(host_, port_, &why)) {
+    *error = "cannot listen on " + listen + ": " + why;
     return false;
   }
-  listener_ = std::thread([this] { http_->listen_after_bind(); });
+  port_ = http_->port();
+  listener_ = std::thread([this] { http_->Run(); });
   return true;
 }
 
@@ -161,6 +159,9 @@ bool Server::ReloadWeb() {
   }
   if (web->tls != web_->tls) {
     spdlog::warn("tls_server_config changes only on restart");
+  }
+  if (web->rate_limit != web_->rate_limit) {
+    spdlog::warn("rate_limit changes only on restart");
   }
   auto auth = std::make_shared<const BasicAuth>(std::move(web->basic_auth_users));
   std::lock_guard lock(auth_mutex_);
@@ -194,7 +195,7 @@ bool Server::Reload() {
 // at once instead of holding the listener until its deadline.
 void Server::Stop() {
   if (scheduler_) scheduler_->Stop();
-  if (http_) http_->stop();
+  if (http_) http_->Stop();
   if (listener_.joinable()) listener_.join();
 }
 

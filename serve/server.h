@@ -16,11 +16,9 @@
 #include "serve/schedule.h"
 #include "serve/web_config.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace fetchlet::serve {
+
+class HttpServer;
 
 // The plug-in's entry points for a kind, or nullopt when it lacks them.
 using EntryPointFinder =
@@ -68,10 +66,11 @@ class Server {
   std::string host_;
   std::optional<Config> config_;
   std::unique_ptr<Scheduler> scheduler_;
-  std::unique_ptr<httplib::Server> http_;
+  std::unique_ptr<HttpServer> http_;
   std::thread listener_;
   std::atomic<bool> last_reload_successful_{true};
   int port_ = 0;
+  std::size_t max_connections_ = 0;
 };
 
 }  // namespace fetchlet::serve

@@ -1,4 +1,5 @@
-// Reading the web configuration file, with each problem's line and column.
+// Reading the web configuration file strictly, with each problem's line
+// and column, through the same reader as the serving configuration.
 #include "serve/web_config.h"
 
 #include <unistd.h>
@@ -6,25 +7,30 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <utility>
+
+#include "serve/duration.h"
+#include "serve/yaml_reader.h"
 
 namespace fetchlet::serve {
 namespace {
 
 // Keys of the exporters' format that this server does not implement: named
 // as such rather than as unknown, since they are not typos.
-constexpr std::array<std::string_view, 9> kUnsupportedKeys = {
-    "http_server_config",
-    "rate_limit",
-    "cert",
-    "key",
-    "client_ca",
-    "cipher_suites",
-    "curve_preferences",
-    "max_version",
-    "client_allowed_sans"};
+const std::vector<std::string> kUnsupportedKeys = {
+    "http_server_config", "cert",        "key",
+    "client_ca",          "curve_preferences", "max_version",
+    "client_allowed_sans", "prefer_server_cipher_suites"};
+
+const std::vector<std::string> kTopKeys = {
+    "tls_server_config", "basic_auth_users", "rate_limit"};
+const std::vector<std::string> kTlsKeys = {
+    "cert_file",   "key_file",    "client_ca_file", "client_auth_type",
+    "min_version", "cipher_suites"};
+const std::vector<std::string> kRateKeys = {"interval", "burst"};
 
 constexpr std::array<std::pair<std::string_view, ClientAuth>, 5>
     kClientAuthNames = {{
@@ -35,128 +41,150 @@ constexpr std::array<std::pair<std::string_view, ClientAuth>, 5>
         {"RequireAndVerifyClientCert", ClientAuth::kRequireAndVerifyClientCert},
     }};
 
+// The exporters' (Go's) names of the TLS 1.2 suites they offer, with
+// OpenSSL's. TLS 1.3 suites are not chosen by this key there either.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 17>
+    kCipherSuites = {{
+        {"TLS_RSA_WITH_AES_128_CBC_SHA", "AES128-SHA"},
+        {"TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA"},
+        {"TLS_RSA_WITH_AES_128_GCM_SHA256", "AES128-GCM-SHA256"},
+        {"TLS_RSA_WITH_AES_256_GCM_SHA384", "AES256-GCM-SHA384"},
+        {"TLS_AES_128_GCM_SHA256", ""},
+        {"TLS_AES_256_GCM_SHA384", ""},
+        {"TLS_CHACHA20_POLY1305_SHA256", ""},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA", "ECDHE-ECDSA-AES128-SHA"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA", "ECDHE-ECDSA-AES256-SHA"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA", "ECDHE-RSA-AES128-SHA"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA", "ECDHE-RSA-AES256-SHA"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256",
+         "ECDHE-ECDSA-AES128-GCM-SHA256"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256",
+         "ECDHE-RSA-AES128-GCM-SHA256"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384",
+         "ECDHE-ECDSA-AES256-GCM-SHA384"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384",
+         "ECDHE-RSA-AES256-GCM-SHA384"},
+        {"TLS_ECDHE_ECDSA_WITH_CHACHA20_POLY1305_SHA256",
+         "ECDHE-ECDSA-CHACHA20-POLY1305"},
+        {"TLS_ECDHE_RSA_WITH_CHACHA20_POLY1305_SHA256",
+         "ECDHE-RSA-CHACHA20-POLY1305"},
+    }};
+
+bool Contains(const std::vector<std::string>& keys, const std::string& key) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
 class Loader {
  public:
-  Loader(std::string path, std::vector<ConfigProblem>* problems)
-      : path_(std::move(path)),
-        dir_(std::filesystem::path(path_).parent_path()),
-        problems_(problems) {}
+  Loader(const std::string& path, std::vector<ConfigProblem>* problems)
+      : reader_(path, problems, &warnings_),
+        dir_(std::filesystem::path(path).parent_path()) {}
 
   void Root(const YAML::Node& root, WebConfig* web) {
     if (root.IsNull()) return;  // an empty file: no TLS, no users
-    for (const Entry& entry : Entries(root)) {
-      if (entry.key == "tls_server_config") {
-        Tls(entry.value, &web->tls.emplace());
-      } else if (entry.key == "basic_auth_users") {
-        Users(entry.value, &web->basic_auth_users);
+    for (const auto& [key, key_node, value] :
+         Entries(root, "the web configuration", kTopKeys)) {
+      if (key == "tls_server_config") {
+        Tls(value, &web->tls.emplace());
+      } else if (key == "basic_auth_users") {
+        Users(value, &web->basic_auth_users);
       } else {
-        Unknown(entry);
+        Rate(value, &web->rate_limit);
       }
     }
-  }
-
-  void Problem(const YAML::Mark& mark, std::string message) {
-    problems_->push_back(
-        {{path_, mark.line + 1, mark.column + 1}, std::move(message)});
   }
 
  private:
-  struct Entry {
-    std::string key;
-    YAML::Mark key_mark;
-    YAML::Node value;
-  };
+  using Entry = YamlReader::Entry;
 
-  // A mapping's entries, each key once, in file order.
-  std::vector<Entry> Entries(const YAML::Node& node) {
+  // The entries of node with a known key; unknown and unsupported keys are
+  // reported.
+  std::vector<Entry> Entries(const YAML::Node& node, const std::string& what,
+                             const std::vector<std::string>& known) {
+    std::vector<std::string> allowed = known;
+    allowed.insert(allowed.end(), kUnsupportedKeys.begin(),
+                   kUnsupportedKeys.end());
     std::vector<Entry> entries;
-    if (!node.IsMap()) {
-      Problem(node.Mark(), "expected a mapping");
-      return entries;
-    }
-    std::set<std::string> seen;
-    for (const auto& item : node) {
-      const std::string key = item.first.Scalar();
-      if (!seen.insert(key).second) {
-        Problem(item.first.Mark(), "duplicate key \"" + key + "\"");
-        continue;
+    for (Entry& entry : reader_.Entries(node, what, allowed)) {
+      if (Contains(known, entry.key)) {
+        entries.push_back(std::move(entry));
+      } else {
+        reader_.Problem(entry.key_node,
+                        "'" + entry.key + "' is not supported");
       }
-      entries.push_back({key, item.first.Mark(), item.second});
     }
     return entries;
   }
 
-  void Unknown(const Entry& entry) {
-    for (std::string_view unsupported : kUnsupportedKeys) {
-      if (entry.key == unsupported) {
-        Problem(entry.key_mark, "\"" + entry.key + "\" is not supported");
-        return;
-      }
-    }
-    Problem(entry.key_mark, "unknown key \"" + entry.key + "\"");
-  }
-
-  std::optional<std::string> String(const YAML::Node& node) {
-    if (!node.IsScalar() || node.Scalar().empty()) {
-      Problem(node.Mark(), "expected a non-empty string");
+  std::optional<std::string> String(const YAML::Node& node,
+                                    const std::string& key) {
+    std::optional<std::string> text = reader_.String(node, key);
+    if (text && text->empty()) {
+      reader_.Problem(node, "'" + key + "' must not be empty");
       return std::nullopt;
     }
-    return node.Scalar();
+    return text;
   }
 
   // The file named by node, relative to the configuration's directory,
   // which the serving user must be able to read.
-  std::string File(const YAML::Node& node) {
-    std::optional<std::string> name = String(node);
+  std::string File(const YAML::Node& node, const std::string& key) {
+    std::optional<std::string> name = String(node, key);
     if (!name) return "";
     std::filesystem::path path = dir_ / *name;  // an absolute name wins
     if (access(path.c_str(), R_OK) != 0) {
-      Problem(node.Mark(),
-              "cannot read \"" + path.string() + "\": " + std::strerror(errno));
+      reader_.Problem(node, "cannot read '" + path.string() +
+                                "': " + std::strerror(errno));
     }
     return path.string();
   }
 
   void Tls(const YAML::Node& node, TlsServerConfig* tls) {
-    for (const auto& [key, key_mark, value] : Entries(node)) {
+    const auto entries = Entries(node, "tls_server_config", kTlsKeys);
+    for (const auto& [key, key_node, value] : entries) {
       if (key == "cert_file") {
-        tls->cert_file = File(value);
+        tls->cert_file = File(value, key);
       } else if (key == "key_file") {
-        tls->key_file = File(value);
+        tls->key_file = File(value, key);
       } else if (key == "client_ca_file") {
-        tls->client_ca_file = File(value);
+        tls->client_ca_file = File(value, key);
       } else if (key == "client_auth_type") {
         ClientAuthType(value, &tls->client_auth);
       } else if (key == "min_version") {
         MinVersion(value, &tls->min_version);
       } else {
-        Unknown({key, key_mark, value});
+        CipherSuites(value, &tls->cipher_suites);
       }
     }
-    CheckTls(node, *tls);
+    if (node.IsMap()) CheckTls(node, entries, *tls);
   }
 
-  void CheckTls(const YAML::Node& node, const TlsServerConfig& tls) {
-    if (!node.IsMap()) return;
-    if (!node["cert_file"]) Problem(node.Mark(), "cert_file is missing");
-    if (!node["key_file"]) Problem(node.Mark(), "key_file is missing");
+  void CheckTls(const YAML::Node& node, const std::vector<Entry>& entries,
+                const TlsServerConfig& tls) {
+    for (const char* key : {"cert_file", "key_file"}) {
+      if (!YamlReader::Find(entries, key).IsDefined()) {
+        reader_.Problem(node, std::string("missing key '") + key + "'");
+      }
+    }
     const bool verifies =
         tls.client_auth == ClientAuth::kVerifyClientCertIfGiven ||
         tls.client_auth == ClientAuth::kRequireAndVerifyClientCert;
-    if (verifies && !node["client_ca_file"]) {
-      Problem(node.Mark(),
-              "client_auth_type verifies client certificates "
-              "but client_ca_file is missing");
+    const YAML::Node ca = YamlReader::Find(entries, "client_ca_file");
+    if (verifies && !ca.IsDefined()) {
+      reader_.Problem(node,
+                      "client_auth_type verifies client certificates "
+                      "but client_ca_file is missing");
     }
-    if (!verifies && node["client_ca_file"]) {
-      Problem(node["client_ca_file"].Mark(),
-              "client_ca_file needs a client_auth_type that verifies "
-              "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)");
+    if (!verifies && ca.IsDefined()) {
+      reader_.Problem(
+          ca,
+          "client_ca_file needs a client_auth_type that verifies "
+          "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)");
     }
   }
 
   void ClientAuthType(const YAML::Node& node, ClientAuth* auth) {
-    std::optional<std::string> name = String(node);
+    std::optional<std::string> name = String(node, "client_auth_type");
     if (!name) return;
     for (const auto& [text, value] : kClientAuthNames) {
       if (*name == text) {
@@ -164,31 +192,72 @@ class Loader {
         return;
       }
     }
-    Problem(node.Mark(), "invalid client_auth_type \"" + *name + "\"");
+    reader_.Problem(node, "invalid client_auth_type '" + *name + "'");
   }
 
   void MinVersion(const YAML::Node& node, TlsVersion* version) {
-    std::optional<std::string> name = String(node);
+    std::optional<std::string> name = String(node, "min_version");
     if (!name) return;
     if (*name == "TLS12") {
       *version = TlsVersion::kTls12;
     } else if (*name == "TLS13") {
       *version = TlsVersion::kTls13;
     } else {
-      Problem(node.Mark(),
-              "invalid min_version \"" + *name + "\" (TLS12 or TLS13)");
+      reader_.Problem(node,
+                      "invalid min_version '" + *name + "' (TLS12 or TLS13)");
+    }
+  }
+
+  void CipherSuites(const YAML::Node& node, std::vector<std::string>* out) {
+    if (!node.IsSequence()) {
+      reader_.Problem(node, "'cipher_suites' must be a list");
+      return;
+    }
+    for (const YAML::Node& item : node) {
+      std::optional<std::string> name = String(item, "cipher_suites");
+      if (!name) continue;
+      const auto* known = std::find_if(
+          kCipherSuites.begin(), kCipherSuites.end(),
+          [&](const auto& suite) { return suite.first == *name; });
+      if (known == kCipherSuites.end()) {
+        reader_.Problem(item, "unknown cipher suite '" + *name + "'");
+      } else if (!known->second.empty()) {
+        out->emplace_back(known->second);
+      }
+    }
+  }
+
+  void Rate(const YAML::Node& node, RateLimit* limit) {
+    const auto entries = Entries(node, "rate_limit", kRateKeys);
+    for (const auto& [key, key_node, value] : entries) {
+      if (key == "interval") {
+        const std::optional<Duration> interval =
+            value.IsScalar() ? ParseDuration(value.Scalar()) : std::nullopt;
+        if (!interval) {
+          reader_.Problem(value,
+                          "'interval' must be a duration (0s, 500ms, 1s)");
+        }
+        limit->interval = interval.value_or(Duration{0});
+      } else {
+        limit->burst = reader_.Integer(value, "burst", 1).value_or(0);
+      }
+    }
+    if (limit->interval.count() > 0 &&
+        !YamlReader::Find(entries, "burst").IsDefined()) {
+      reader_.Problem(node, "missing key 'burst'");
     }
   }
 
   void Users(const YAML::Node& node,
              std::map<std::string, std::string>* users) {
     if (node.IsNull()) return;
-    for (const auto& [name, name_mark, hash] : Entries(node)) {
+    for (const auto& [name, name_node, hash] :
+         reader_.Entries(node, "basic_auth_users", {})) {
       if (name.empty() || name.find(':') != std::string::npos) {
-        Problem(name_mark, "invalid user name \"" + name + "\"");
+        reader_.Problem(name_node, "invalid user name '" + name + "'");
       } else if (!hash.IsScalar() || !IsBcryptHash(hash.Scalar())) {
-        Problem(hash.Mark(), "the hash of \"" + name +
-                                 "\" is not a bcrypt hash ($2y$ or $2b$)");
+        reader_.Problem(hash, "the hash of '" + name +
+                                  "' is not a bcrypt hash ($2y$ or $2b$)");
       } else {
         (*users)[name] = hash.Scalar();
       }
@@ -209,9 +278,9 @@ class Loader {
            hash.find_first_not_of(kAlphabet, 7) == std::string_view::npos;
   }
 
-  std::string path_;
+  std::vector<ConfigProblem> warnings_;  // the format has none
+  YamlReader reader_;
   std::filesystem::path dir_;
-  std::vector<ConfigProblem>* problems_;
 };
 
 }  // namespace
@@ -219,23 +288,11 @@ class Loader {
 std::optional<WebConfig> LoadWebConfig(const std::string& path,
                                        std::vector<ConfigProblem>* problems) {
   const size_t before = problems->size();
-  Loader loader(path, problems);
+  const std::optional<YAML::Node> root = YamlReader::Parse(path, problems);
+  if (!root) return std::nullopt;
   WebConfig web;
-  try {
-    loader.Root(YAML::LoadFile(path), &web);
-  } catch (const YAML::BadFile&) {
-    problems->push_back(
-        {{path, 0, 0},
-         std::string("cannot read the file: ") + std::strerror(errno)});
-  } catch (const YAML::Exception& e) {
-    loader.Problem(e.mark, e.msg);
-  }
-  // In file order, though keys are checked before what they hold.
-  std::stable_sort(problems->begin() + static_cast<std::ptrdiff_t>(before),
-                   problems->end(), [](const auto& a, const auto& b) {
-                     return std::pair(a.where.line, a.where.column) <
-                            std::pair(b.where.line, b.where.column);
-                   });
+  Loader(path, problems).Root(*root, &web);
+  YamlReader::SortByPlace(problems, before);
   if (problems->size() != before) return std::nullopt;
   return web;
 }

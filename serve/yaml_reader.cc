@@ -1,9 +1,14 @@
 #include "serve/yaml_reader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstring>
+#include <fstream>
 #include <set>
+#include <sstream>
+#include <tuple>
 
 #include "serve/duration.h"
 
@@ -15,6 +20,37 @@ bool IsScalar(const YAML::Node& node) {
 }
 
 }  // namespace
+
+std::optional<YAML::Node> YamlReader::Parse(
+    const std::string& path, std::vector<ConfigProblem>* problems) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    problems->push_back(
+        {{path, 1, 1}, std::string("cannot open the file: ") +
+                           std::strerror(errno)});
+    return std::nullopt;
+  }
+  std::stringstream text;
+  text << in.rdbuf();
+  try {
+    return YAML::Load(text.str());
+  } catch (const YAML::ParserException& e) {
+    problems->push_back({{path, e.mark.line + 1, e.mark.column + 1}, e.msg});
+  } catch (const YAML::Exception& e) {
+    problems->push_back({{path, 1, 1}, e.msg});
+  }
+  return std::nullopt;
+}
+
+void YamlReader::SortByPlace(std::vector<ConfigProblem>* problems,
+                             size_t from) {
+  std::stable_sort(problems->begin() + static_cast<ptrdiff_t>(from),
+                   problems->end(),
+                   [](const ConfigProblem& a, const ConfigProblem& b) {
+                     return std::tie(a.where.line, a.where.column) <
+                            std::tie(b.where.line, b.where.column);
+                   });
+}
 
 Position YamlReader::Where(const YAML::Node& node) const {
   const YAML::Mark mark = node.Mark();

@@ -16,6 +16,14 @@ namespace fetchlet::serve {
 
 class YamlReader {
  public:
+  // The document in path, or nullopt with the reason (and where the
+  // parser stopped) in *problems.
+  static std::optional<YAML::Node> Parse(const std::string& path,
+                                         std::vector<ConfigProblem>* problems);
+  // Problems from index from on in the order of the file, whatever order
+  // the checks ran in.
+  static void SortByPlace(std::vector<ConfigProblem>* problems, size_t from);
+
   YamlReader(std::string file, std::vector<ConfigProblem>* problems,
              std::vector<ConfigProblem>* warnings)
       : file_(std::move(file)), problems_(problems), warnings_(warnings) {}

@@ -110,6 +110,14 @@ TEST_F(ServeCommandTest, ToldReadyWhenBoundReloadingAroundHupStoppingAtTerm) {
   const httplib::Result healthz = client.Get("/healthz");
   ASSERT_TRUE(healthz);
   EXPECT_EQ(healthz->status, 200);
+  {  // a second serve on the held address, which it names, and no sharing
+    ServeProcess second(Args(), dir_ + "/second.log");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_NE(qvetest::ReadServeFile(dir_ + "/second.log")
+                  .find("fetchlet: cannot listen on 127.0.0.1:" +
+                        std::to_string(port_) + ": Address already in use"),
+              std::string::npos);
+  }
 
   const struct {
     int collectors;
@@ -229,9 +237,9 @@ TEST_F(ServeCommandTest, RefusesToStartWithABadWebConfig) {
     std::string logged;
   } cases[] = {
       {"tls_server_confg:\n  cert_file: server.crt\n",
-       "/web.yml:1:1: unknown key \"tls_server_confg\""},
+       "/web.yml:1:1: unknown key 'tls_server_confg' in the web configuration"},
       {"basic_auth_users:\n  alice: x\n",
-       "/web.yml:2:10: the hash of \"alice\" is not a bcrypt hash"},
+       "/web.yml:2:10: the hash of 'alice' is not a bcrypt hash"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: client.key\n",
        "fetchlet: "},
   };

@@ -1,7 +1,7 @@
+#include "serve/http_server.h"
 #include "serve/web_config.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -73,26 +73,38 @@ TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n",
        ""},
       {"tls_server_confg:\n  cert_file: server.crt\n",
-       "1:1: unknown key \"tls_server_confg\"\n"},
+       "1:1: unknown key 'tls_server_confg' in the web configuration\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
-       "  cipher_suites: [TLS_AES_128_GCM_SHA256]\n",
-       "4:3: \"cipher_suites\" is not supported\n"},
+       "  cipher_suites: [TLS_AES_128_GCM_SHA256, TLS_RSA_WITH_RC4_128_SHA]\n"
+       "  curve_preferences: [X25519]\n",
+       "4:43: unknown cipher suite 'TLS_RSA_WITH_RC4_128_SHA'\n"
+       "5:3: 'curve_preferences' is not supported\n"},
+      {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
+       "  cipher_suites: TLS_AES_128_GCM_SHA256\n",
+       "4:18: 'cipher_suites' must be a list\n"},
+      {"rate_limit: {interval: 1s, burst: 0}\n",
+       "1:35: 'burst' must be at least 1\n"},
+      {"rate_limit: {interval: soon, burst: 2, rate: 1}\n",
+       "1:24: 'interval' must be a duration (0s, 500ms, 1s)\n"
+       "1:40: unknown key 'rate' in rate_limit\n"},
+      {"rate_limit: {interval: 1s}\n", "1:13: missing key 'burst'\n"},
+      {"rate_limit: {interval: 0s}\n", ""},
       {"basic_auth_users:\n  alice: x\nbasic_auth_users: {}\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"
-       "3:1: duplicate key \"basic_auth_users\"\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"
+       "3:1: duplicate key 'basic_auth_users'\n"},
       {"basic_auth_users:\n  alice: "
        "$1$abcdefgh$0123456789012345678901\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"},
       {"basic_auth_users:\n  alice: "
        "$2b$99$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
-       "2:10: the hash of \"alice\" is not a bcrypt hash ($2y$ or $2b$)\n"},
+       "2:10: the hash of 'alice' is not a bcrypt hash ($2y$ or $2b$)\n"},
       {"basic_auth_users:\n  \"a:b\": "
        "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.\n",
-       "2:3: invalid user name \"a:b\"\n"},
+       "2:3: invalid user name 'a:b'\n"},
       {"tls_server_config:\n  cert_file: missing.crt\n  key_file: server.key\n",
-       "2:14: cannot read \"DIR/missing.crt\": No such file or directory\n"},
+       "2:14: cannot read 'DIR/missing.crt': No such file or directory\n"},
       {"tls_server_config:\n  key_file: server.key\n",
-       "2:3: cert_file is missing\n"},
+       "2:3: missing key 'cert_file'\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  client_auth_type: RequireAndVerifyClientCert\n",
        "2:3: client_auth_type verifies client certificates but client_ca_file "
@@ -103,12 +115,15 @@ TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
        "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)\n"},
       {"tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n"
        "  client_auth_type: requireandverifyclientcert\n  min_version: TLS11\n",
-       "4:21: invalid client_auth_type \"requireandverifyclientcert\"\n"
-       "5:16: invalid min_version \"TLS11\" (TLS12 or TLS13)\n"},
-      {"tls_server_config: yes\n", "1:20: expected a mapping\n"},
+       "4:21: invalid client_auth_type 'requireandverifyclientcert'\n"
+       "5:16: invalid min_version 'TLS11' (TLS12 or TLS13)\n"},
+      {"tls_server_config: yes\n", "1:20: tls_server_config must be a mapping\n"},
       {"tls_server_config:\n  cert_file: [a]\n  key_file: server.key\n",
-       "2:14: expected a non-empty string\n"},
+       "2:14: 'cert_file' must be a string\n"},
       {"basic_auth_users: {alice: \n", "2:1: end of map flow not found\n"},
+      {"- tls_server_config\n", "1:1: the web configuration must be a mapping\n"},
+      {"tls_server_config:\n  cert_file: ''\n  key_file: server.key\n",
+       "2:14: 'cert_file' must not be empty\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -145,6 +160,26 @@ TEST_F(WebConfigTest, LoadResolvesPathsAgainstTheFilesDirectory) {
             (std::map<std::string, std::string>{{"alice", kAlice}}));
 }
 
+TEST_F(WebConfigTest, LoadTakesTheExportersNamesOfSuitesAndTheRateLimit) {
+  WebConfig web;
+  ASSERT_EQ(Load("tls_server_config:\n"
+                 "  cert_file: server.crt\n  key_file: server.key\n"
+                 "  cipher_suites:\n"
+                 "    - TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384\n"
+                 "    - TLS_AES_256_GCM_SHA384\n"
+                 "    - TLS_RSA_WITH_AES_128_CBC_SHA\n"
+                 "rate_limit: {interval: 500ms, burst: 3}\n",
+                 &web),
+            "");
+  ASSERT_TRUE(web.tls);
+  EXPECT_EQ(web.tls->cipher_suites,
+            (std::vector<std::string>{"ECDHE-RSA-AES256-GCM-SHA384",
+                                      "AES128-SHA"}));
+  EXPECT_EQ(web.rate_limit, (RateLimit{std::chrono::milliseconds(500), 3}));
+  std::string error;
+  EXPECT_NE(MakeHttpServer(web, &error), nullptr) << error;
+}
+
 TEST_F(WebConfigTest, MakeHttpServerNeedsAMatchingPairOfFiles) {
   const std::string junk = Write("junk.pem", "not a certificate\n");
   const struct {
@@ -163,9 +198,9 @@ TEST_F(WebConfigTest, MakeHttpServerNeedsAMatchingPairOfFiles) {
     web.tls = TlsServerConfig{dir_ + "/" + c.cert, dir_ + "/" + c.key,
                               c.ca.empty() ? "" : dir_ + "/" + c.ca,
                               ClientAuth::kRequireAndVerifyClientCert,
-                              TlsVersion::kTls12};
+                              TlsVersion::kTls12, {}};
     std::string error;
-    std::unique_ptr<httplib::Server> server = MakeHttpServer(web, &error);
+    std::unique_ptr<HttpServer> server = MakeHttpServer(web, &error);
     EXPECT_EQ(server != nullptr, *c.error == '\0');
     EXPECT_TRUE(error.starts_with(c.error)) << error;
   }
@@ -233,7 +268,8 @@ TEST(BasicAuthTest, AllowsOnlyAUserWithItsPassword) {
   EXPECT_TRUE(BasicAuth({}).Allows(""));
 }
 
-TEST(BasicAuthTest, RemembersVerifiedPairsOnly) {
+// A repeated guess, right or wrong, for a user or not, costs no hash.
+TEST(BasicAuthTest, RemembersEveryPairChecked) {
   const BasicAuth auth({{"alice", kAlice}, {"bob", kBob}});
   const struct {
     std::string header;
@@ -241,18 +277,51 @@ TEST(BasicAuthTest, RemembersVerifiedPairsOnly) {
     size_t hashes;  // computed so far
   } steps[] = {
       {Basic("alice:wrong"), false, 1},
-      {Basic("alice:wrong"), false, 2},
-      {Basic("alice:s3cret pass"), true, 3},
-      {Basic("alice:s3cret pass"), true, 3},
-      {Basic("alice:wrong"), false, 4},
-      {Basic("bob:s3cret pass"), false, 5},
-      {Basic("bob:other"), true, 6},
-      {Basic("alice:s3cret pass"), true, 6},
-      {Basic("bob:other"), true, 6},
+      {Basic("alice:wrong"), false, 1},
+      {Basic("alice:s3cret pass"), true, 2},
+      {Basic("alice:s3cret pass"), true, 2},
+      {Basic("bob:s3cret pass"), false, 3},
+      {Basic("bob:other"), true, 4},
+      {Basic("mallory:other"), false, 5},
+      {Basic("mallory:other"), false, 5},
+      {Basic("bob:other"), true, 5},
   };
   for (const auto& step : steps) {
     EXPECT_EQ(auth.Allows(step.header), step.allowed) << step.header;
     EXPECT_EQ(auth.HashesComputed(), step.hashes) << step.header;
+  }
+}
+
+// More wrong guesses than are remembered do not push out a scraper's pair.
+TEST(BasicAuthTest, AFloodOfGuessesKeepsTheVerifiedPair) {
+  const BasicAuth auth(std::map<std::string, std::string>{{"alice", kAlice}});
+  ASSERT_TRUE(auth.Allows(Basic("alice:s3cret pass")));
+  for (int i = 0; i < 1100; ++i) {
+    auth.Allows(Basic("alice:guess" + std::to_string(i)));
+  }
+  const size_t hashes = auth.HashesComputed();
+  EXPECT_EQ(hashes, 1101u);
+  EXPECT_TRUE(auth.Allows(Basic("alice:s3cret pass")));
+  EXPECT_FALSE(auth.Allows(Basic("alice:guess1099")));
+  EXPECT_EQ(auth.HashesComputed(), hashes);
+}
+
+// Unknown users cost what the dearest known one costs.
+TEST(BasicAuthTest, TheDecoyCostsAsMuchAsTheDearestUser) {
+  constexpr const char* kCost5 =
+      "$2b$05$abcdefghijklmnopqrstuu5s2v8.7Ij9X0dMqjpL8Og6CD2MgnQ5S";
+  const struct {
+    std::map<std::string, std::string> users;
+    int cost;
+  } cases[] = {
+      {{}, 0},
+      {{{"alice", kAlice}}, 4},
+      {{{"alice", kAlice}, {"dave", kCost5}, {"bob", kBob}}, 5},
+  };
+  for (const auto& c : cases) {
+    const BasicAuth auth(c.users);
+    EXPECT_EQ(auth.DecoyCost(), c.cost);
+    EXPECT_EQ(auth.Allows(Basic("mallory:x")), c.users.empty());
   }
 }
 

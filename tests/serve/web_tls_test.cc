@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "common/processes.h"
+#include "serve/http_server.h"
 #include "serve/web_config.h"
 #include "tests/serve/serve_wire_support.h"
 
@@ -38,7 +39,7 @@ class WebTlsTest : public testing::Test {
   static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
 
   void TearDown() override {
-    if (server_) server_->stop();
+    if (server_) server_->Stop();
     if (thread_.joinable()) thread_.join();
   }
 
@@ -54,13 +55,13 @@ class WebTlsTest : public testing::Test {
     ASSERT_NE(server_, nullptr) << error;
     auto auth = std::make_shared<const BasicAuth>(web->basic_auth_users);
     RequireBasicAuth(*server_, [auth] { return auth; });
-    server_->Get("/metrics", [](const httplib::Request&, httplib::Response& r) {
-      r.set_content("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
+    server_->Get("/metrics", [](const HttpRequest&, HttpResponse& r) {
+      r.Set("fetchlet_test_value 1\n", "text/plain; version=0.0.4");
     });
-    port_ = server_->bind_to_any_port("127.0.0.1");
-    ASSERT_GT(port_, 0);
+    ASSERT_TRUE(server_->Bind("127.0.0.1", 0, &error)) << error;
+    port_ = server_->port();
     // Bound already: connections wait in the backlog until listening starts.
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    thread_ = std::thread([this] { server_->Run(); });
   }
 
   std::string Curl(const std::string& options, int* exit_status) {
@@ -72,7 +73,7 @@ class WebTlsTest : public testing::Test {
   }
 
   static inline std::string dir_;
-  std::unique_ptr<httplib::Server> server_;
+  std::unique_ptr<HttpServer> server_;
   std::thread thread_;
   int port_ = 0;
 };
@@ -80,6 +81,7 @@ class WebTlsTest : public testing::Test {
 const std::string& kUser = qvetest::kAliceCurl;
 
 const std::string kStranger = "--cert intruder.crt --key intruder.key ";
+const std::string kCbc = "--tls-max 1.2 --ciphers ECDHE-ECDSA-AES128-SHA ";
 
 std::string Tls(const std::string& auth_type, const std::string& more = "") {
   return qvetest::TlsWebConfig(auth_type, more);
@@ -103,6 +105,12 @@ TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
       {Tls("NoClientCert", "  min_version: TLS13\n"), "--tls-max 1.2 " + kUser,
        "000"},
       {Tls("NoClientCert", "  min_version: TLS13\n"), kUser, "200"},
+      // TLS 1.2 offers no CBC suite unless the configuration names one.
+      {Tls("NoClientCert"), kCbc + kUser, "000"},
+      {Tls("NoClientCert"), "--tls-max 1.2 " + kUser, "200"},
+      {Tls("NoClientCert",
+           "  cipher_suites: [TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA]\n"),
+       kCbc + kUser, "200"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.config + c.options);
@@ -112,6 +120,21 @@ TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
     EXPECT_EQ(exit_status == 0, std::string(c.status) != "000");
     TearDown();
   }
+}
+
+// A TLS 1.2 session with a client certificate, resumed by a second
+// connection.
+TEST_F(WebTlsTest, ATls12SessionWithAClientCertificateResumes) {
+  Start(Tls("RequireAndVerifyClientCert", "  client_ca_file: ca.crt\n"));
+  const std::string client =
+      "cd " + dir_ + " && openssl s_client -connect 127.0.0.1:" +
+      std::to_string(port_) +
+      " -tls1_2 -CAfile ca.crt -cert client.crt -key client.key ";
+  const std::string first = client + "-sess_out session.pem </dev/null";
+  const std::string second =
+      client + "-sess_in session.pem </dev/null 2>&1 | grep -q '^Reused'";
+  ASSERT_EQ(std::system((first + " >/dev/null 2>&1").c_str()), 0);
+  EXPECT_EQ(std::system(second.c_str()), 0);
 }
 
 // Debian's Prometheus, started on a free port with its own data folder,
