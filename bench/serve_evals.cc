@@ -26,8 +26,8 @@ using namespace fetchlet::serve;
 using Clock = std::chrono::steady_clock;
 
 std::vector<CollectorPtr> TrueCollectors(int count, Duration interval) {
-  const fetchlet::Family entry_points{qvefos_getFetchlet, qvefos_getMetric,
-                                      qvefos_freeFetchlet};
+  const fetchlet::agent::EntryPoints entry_points{
+      qvefos_getFetchlet, qvefos_getMetric, qvefos_freeFetchlet};
   std::vector<CollectorPtr> collectors;
   for (int i = 0; i < count; ++i) {
     CollectorConfig config;

@@ -16,6 +16,9 @@ namespace fetchlet {
 void PrintJson(std::ostream& out, int32_t status,
                const qvedrmr_MetricResult* result, qveue_Exception* exception);
 
+// The result's rows as a JSON array, written the same way ([] for null).
+void PrintJsonRows(std::ostream& out, const qvedrmr_MetricResult* result);
+
 inline constexpr const char* kNoResult = "(no result)";
 inline constexpr const char* kNoRows = "(no rows)";
 

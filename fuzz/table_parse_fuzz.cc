@@ -24,6 +24,7 @@
 
 #include "foslt/qvefoslt_parse.h"
 #include "fuzz_support.h"
+#include "tests/common/result_json.h"
 
 namespace {
 
@@ -168,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       o.err.has_value() ? o.err->c_str() : nullptr, properties.list(),
       session.Log(kLogName), o.tokenize);
   qvehost::ResetFaults();
-  const Json got = qvehost::ResultToJson(result);
+  const Json got = qvetest::ResultJson(result);
   if (result != nullptr) qvedrmr_MetricResult_delete(result);
 
   CheckNotice(o, session);

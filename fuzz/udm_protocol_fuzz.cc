@@ -23,6 +23,7 @@
 
 #include "fosud/qvefosud_protocol.h"
 #include "fuzz_support.h"
+#include "tests/common/result_json.h"
 
 namespace {
 
@@ -149,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       properties.list(), o.out.has_value() ? out.data() : nullptr, &result,
       slot ? &exception : nullptr, session.Log("fetchlets.udm"));
   qvehost::ResetFaults();
-  const Json got = qvehost::ResultToJson(result);
+  const Json got = qvetest::ResultJson(result);
   if (result != nullptr) qvedrmr_MetricResult_delete(result);
 
   if (fault) {

@@ -24,8 +24,7 @@ std::optional<Config> Server::Load() {
   std::vector<ConfigProblem> warnings;
   std::optional<Config> config = LoadConfig(config_path_, &problems, &warnings);
   for (const ConfigProblem& warning : warnings) {
-    spdlog::warn("{}:{}:{}: warning: {}", warning.where.file,
-                 warning.where.line, warning.where.column, warning.message);
+    spdlog::warn("{}", warning.ToWarning());
   }
   for (const ConfigProblem& problem : problems) {
     spdlog::error("{}", problem.ToString());
@@ -163,8 +162,9 @@ bool Server::Reload() {
     return false;
   }
   if (config->listen != config_->listen ||
-      config->max_concurrent != config_->max_concurrent) {
-    spdlog::warn("listen and max_concurrent change only on restart");
+      config->max_concurrent != config_->max_concurrent ||
+      config->jitter != config_->jitter) {
+    spdlog::warn("listen, max_concurrent and jitter change only on restart");
   }
   qvehost::SetOutputLimit(config->output_limit);
   scheduler_->SetCollectors(std::move(collectors));
