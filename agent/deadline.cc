@@ -24,12 +24,12 @@ class Watcher {
     return watcher;
   }
 
-  uint64_t Add(const Call& call) {
+  uint64_t Add(SteadyTime deadline, const Call& call) {
     std::lock_guard lock(mutex_);
     if (!thread_.joinable()) thread_ = std::thread(&Watcher::Loop, this);
     const uint64_t ticket = ++last_ticket_;
-    watched_.emplace(ticket, Watched{*call.deadline, call.evaluation,
-                                     call.request_id});
+    watched_.emplace(ticket,
+                     Watched{deadline, call.evaluation, call.request_id});
     wake_.notify_one();
     return ticket;
   }
@@ -105,7 +105,7 @@ class Watcher {
 }  // namespace
 
 DeadlineWatch::DeadlineWatch(const Call& call) {
-  if (call.deadline) ticket_ = Watcher::Instance().Add(call);
+  if (call.deadline) ticket_ = Watcher::Instance().Add(*call.deadline, call);
 }
 
 bool DeadlineWatch::Stop() {
