@@ -109,6 +109,7 @@ bool Server::Listen(const std::string& listen, std::string* error) {
     *error = "bad listen address '" + listen + "'";
     return false;
   }
+  if (!web_) return false;  // Start loads it first
   http_ = MakeListener(*web_, error);
   if (!http_) return false;
   if (!web_config_path_.empty()) {
@@ -129,7 +130,8 @@ bool Server::Listen(const std::string& listen, std::string* error) {
 }
 
 std::string Server::Status() const {
-  return "serving " + std::to_string(config_->collectors.size()) +
+  const size_t collectors = config_ ? config_->collectors.size() : 0;
+  return "serving " + std::to_string(collectors) +
          " collectors on " + host_ + ":" + std::to_string(port_);
 }
 
@@ -142,7 +144,7 @@ bool Server::ReloadWeb() {
                   web_config_path_);
     return false;
   }
-  if (web->tls != web_->tls) {
+  if (web_ && web->tls != web_->tls) {
     spdlog::warn("tls_server_config changes only on restart");
   }
   auto auth = std::make_shared<const BasicAuth>(std::move(web->basic_auth_users));
@@ -161,9 +163,9 @@ bool Server::Reload() {
     last_reload_successful_ = false;
     return false;
   }
-  if (config->listen != config_->listen ||
-      config->max_concurrent != config_->max_concurrent ||
-      config->jitter != config_->jitter) {
+  if (config_ && (config->listen != config_->listen ||
+                  config->max_concurrent != config_->max_concurrent ||
+                  config->jitter != config_->jitter)) {
     spdlog::warn("listen, max_concurrent and jitter change only on restart");
   }
   qvehost::SetOutputLimit(config->output_limit);
