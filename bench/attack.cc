@@ -42,14 +42,20 @@ CollectorPtr Cached(int series) {
   metric.value.column = 1;
   metric.labels = {{"device", 0}};
   config.metrics.push_back(metric);
-  Evaluation evaluation;
-  evaluation.result = {{"rows", nlohmann::json::array()}};
+  fetchlet::agent::Outcome outcome;
+  outcome.result.reset(qvedrmr_MetricResult_new());
   for (int i = 0; i < series; ++i) {
-    evaluation.result["rows"].push_back(
-        {"/dev/disk" + std::to_string(i), std::to_string(i)});
+    qvedrvr_ValueRow* row = qvedrvr_ValueRow_new();
+    const std::string cells[] = {"/dev/disk" + std::to_string(i),
+                                 std::to_string(i)};
+    for (int32_t column = 0; column < 2; ++column) {
+      qvedrvr_ValueRow_setStringValue(row, column, cells[column].c_str());
+    }
+    qvedrmr_MetricResult_addValueRow(outcome.result.get(), row);
   }
-  auto collector = std::make_shared<Collector>(config, fetchlet::Family{});
-  collector->Publish(evaluation);
+  auto collector =
+      std::make_shared<Collector>(config, fetchlet::agent::EntryPoints{});
+  collector->Publish(outcome);
   return collector;
 }
 

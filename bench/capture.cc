@@ -4,8 +4,9 @@
 // forked child of its own, which reports its time and its peak resident
 // memory (ru_maxrss) back through a pipe, so neither side's heap is seen by
 // the other. Rounds alternate which side goes first; the median ratio of the
-// rounds is reported. At 1 GiB a side a round, five rounds keep the program
-// under a minute. On a loaded machine the wall-clock ratio swings by tens of
+// rounds is reported. At 1 GiB a side a round (the default; the first
+// argument gives another size in MiB), five rounds keep the program under a
+// minute. On a loaded machine the wall-clock ratio swings by tens of
 // percent from round to round, so the ratio of the capturing processes' own
 // processor time (user and system) is reported beside it as cpu_ratio.
 //
@@ -45,7 +46,8 @@ using rawloop::RawText;
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kTotalBytes = size_t{1} << 30;
+// 1 GiB unless the command line asks for another size.
+size_t total_bytes = size_t{1} << 30;
 constexpr size_t kWriteBytes = size_t{1} << 20;
 constexpr int kRounds = 5;
 
@@ -197,7 +199,7 @@ SideReport MeasureInChild(bool runner, const std::vector<std::string>& args) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  if (n != sizeof report || report.seconds < 0 || report.bytes != kTotalBytes) {
+  if (n != sizeof report || report.seconds < 0 || report.bytes != total_bytes) {
     std::fprintf(stderr, "capture: the %s side failed (%zu bytes)\n",
                  runner ? "runner" : "raw", report.bytes);
     std::exit(1);
@@ -216,7 +218,7 @@ double CpuSeconds(const SideReport& report) {
 }
 
 double MegabytesPerSecond(double seconds) {
-  return static_cast<double>(kTotalBytes) / 1e6 / seconds;
+  return static_cast<double>(total_bytes) / 1e6 / seconds;
 }
 
 }  // namespace
@@ -225,8 +227,11 @@ int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--generate") == 0) {
     return Generate(std::strtoull(argv[2], nullptr, 10));
   }
+  if (argc == 2) total_bytes = std::strtoull(argv[1], nullptr, 10) << 20;
+  // The runner would end the command at the host's default output limit.
+  qvehost::SetOutputLimit(0);
   const std::vector<std::string> command{SelfPath(), "--generate",
-                                         std::to_string(kTotalBytes)};
+                                         std::to_string(total_bytes)};
   std::vector<double> ours, raw, ratios, cpu_ratios;
   long peak_kib = 0;
   long raw_peak_kib = 0;
@@ -250,7 +255,8 @@ int main(int argc, char** argv) {
   }
   const double peak_mib = static_cast<double>(peak_kib) / 1024;
   const double raw_peak_mib = static_cast<double>(raw_peak_kib) / 1024;
-  std::printf("1 GiB of text, median of %d interleaved rounds\n", kRounds);
+  std::printf("%zu MiB of text, median of %d interleaved rounds\n",
+              total_bytes >> 20, kRounds);
   std::printf("  runner %7.1f MB/s  peak %7.1f MiB\n", Median(ours), peak_mib);
   std::printf("  raw    %7.1f MB/s  peak %7.1f MiB\n", Median(raw),
               raw_peak_mib);

@@ -1,10 +1,12 @@
 // 100 collectors of /bin/true at one-second intervals, then evaluations as
 // fast as the workers go, beside a raw posix_spawn loop of /bin/true on
-// every core. Usage: serve_evals [SECONDS] (default 60).
+// every core. Usage: serve_evals [SECONDS] (default 60; below 10 the fast
+// part is cut short too).
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -26,8 +28,8 @@ using namespace fetchlet::serve;
 using Clock = std::chrono::steady_clock;
 
 std::vector<CollectorPtr> TrueCollectors(int count, Duration interval) {
-  const fetchlet::Family entry_points{qvefos_getFetchlet, qvefos_getMetric,
-                                      qvefos_freeFetchlet};
+  const fetchlet::agent::EntryPoints entry_points{
+      qvefos_getFetchlet, qvefos_getMetric, qvefos_freeFetchlet};
   std::vector<CollectorPtr> collectors;
   for (int i = 0; i < count; ++i) {
     CollectorConfig config;
@@ -120,7 +122,8 @@ int main(int argc, char** argv) {
   }
   // As fast as the workers go: intervals far shorter than a run.
   const auto fast = TrueCollectors(static_cast<int>(cores) * 4, Duration(1));
-  const uint64_t target = 20000;
+  // 20000, fewer for a run of a few seconds.
+  const uint64_t target = static_cast<uint64_t>(std::min(20000, 2000 * std::max(seconds, 1)));
   const double rss_before = RssMiB();
   const auto start = Clock::now();
   {

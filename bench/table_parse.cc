@@ -1,5 +1,5 @@
-// The OSLineToken fetchlet on `cat` of a file of a million lines of eight
-// comma-separated fields, whole (start, capture, parse, result built),
+// The OSLineToken fetchlet on `cat` of a file of a million lines (or as many
+// as the first argument says) of eight comma-separated fields, whole (start, capture, parse, result built),
 // beside a plain C++ program doing the same: posix_spawn, read everything,
 // split, copy every field into a heap-allocated row. Repetitions of the two
 // are interleaved and the median ratio reported; each side's peak memory is
@@ -32,7 +32,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kLines = 1000000;
+// A million unless the command line asks for another count.
+int lines_wanted = 1000000;
 constexpr int kRounds = 5;
 constexpr int kParserRounds = 5;
 
@@ -42,9 +43,9 @@ constexpr int kParserRounds = 5;
 std::string MakeText() {
   const char* states[] = {"up", "down", "dormant", "testing"};
   std::string text;
-  text.reserve(size_t{kLines} * 64);
+  text.reserve(static_cast<size_t>(lines_wanted) * 64);
   char line[128];
-  for (int i = 0; i < kLines; ++i) {
+  for (int i = 0; i < lines_wanted; ++i) {
     int length = std::snprintf(
         line, sizeof line, "host%05d.dc1,eth%d,%d,%s,%u,%u,%d.%02d,online\n",
         i % 50000, i % 8, 1500 + (i % 3) * 7500, states[i % 4],
@@ -187,7 +188,7 @@ double TimeBaseline(const std::string& path) {
   auto start = Clock::now();
   size_t rows = RunBaseline(path);
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  if (rows != size_t{kLines}) std::exit(1);
+  if (rows != static_cast<size_t>(lines_wanted)) std::exit(1);
   return seconds;
 }
 
@@ -247,8 +248,8 @@ ParserFigures CompareParser(const std::string& text) {
     SplitAndCopy(text.data(), text.size(), rows);
     double copy = std::chrono::duration<double>(Clock::now() - start).count();
     FreeRows(rows);
-    parser.push_back(kLines / parse);
-    loop.push_back(kLines / copy);
+    parser.push_back(lines_wanted / parse);
+    loop.push_back(lines_wanted / copy);
     ratio.push_back(copy / parse);
   }
   qvehost::DeletePropertyList(list);
@@ -262,6 +263,7 @@ int main(int argc, char** argv) {
   if (argc == 4 && std::strcmp(argv[1], "--peak") == 0) {
     return PeakChild(argv[2], argv[3]);
   }
+  if (argc == 2) lines_wanted = std::max(1, std::atoi(argv[1]));
   qvehost::SetLogLevel(qvehost::LogLevel::kOff);
   std::string path;
   double size = 0;
@@ -295,7 +297,7 @@ int main(int argc, char** argv) {
   std::remove(path.c_str());
 
   const double mib = size / (1 << 20);
-  std::printf("text: %d lines, %.1f MiB, %d interleaved rounds\n", kLines, mib,
+  std::printf("text: %d lines, %.1f MiB, %d interleaved rounds\n", lines_wanted, mib,
               kRounds);
   std::printf("fetchlet evaluation: %7.3f s   baseline: %7.3f s   ratio %.2f\n",
               Median(fetchletTimes), Median(baselineTimes), Median(ratios));

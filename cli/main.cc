@@ -2,23 +2,22 @@
 #include <csignal>
 #include <cstdint>
 #include <iostream>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "agent/evaluate.h"
 #include "byte_size.h"
+#include "check_command.h"
 #include "interrupt.h"
+#include "log_level.h"
 #include "password.h"
-#include "plugin.h"
 #include "properties.h"
-#include "qve/embedded.h"
 #include "render.h"
 #include "run_limits.h"
 #include "serve/secret_file.h"
 #include "serve_command.h"
-#include "test_command.h"
 
 namespace fetchlet {
 namespace {
@@ -30,17 +29,6 @@ constexpr char kPasswordWarning[] =
     "fetchlet: warning: a password given as password= on the command line "
     "can be read by other local users; use password_file=PATH or "
     "--ask-password\n";
-
-const std::map<std::string, std::string> kFamilies = {
-    {"os", "qvefos"},
-    {"osline", "qvefosl"},
-    {"oslinetoken", "qvefoslt"},
-    {"udm", "qvefosud"}};
-
-const std::map<std::string, qvehost::LogLevel> kLevels = {
-    {"trace", qvehost::LogLevel::kTrace}, {"debug", qvehost::LogLevel::kDebug},
-    {"warn", qvehost::LogLevel::kWarn},   {"error", qvehost::LogLevel::kError},
-    {"off", qvehost::LogLevel::kOff}};
 
 constexpr const char* kRunFooter = R"(
 Kinds:
@@ -70,17 +58,17 @@ Examples:
 struct Options {
   std::string kind;
   std::vector<std::string> assignments;
-  std::string propertiesFile;
+  std::string properties_file;
   bool json = false;
-  std::string logLevel = "warn";
-  std::string logFile;
-  std::string serverVersion;
-  std::string pluginPath;
-  std::string outputLimit;
+  std::string log_level = "warn";
+  std::string log_file;
+  std::string server_version;
+  std::string plugin_path;
+  std::string output_limit;
   LimitOptions limits;
-  bool askPassword = false;
+  bool ask_password = false;
   // Values of the password= arguments, taken out of argv before parsing.
-  std::vector<std::string> argvPasswords;
+  std::vector<std::string> argv_passwords;
 };
 
 void DefineRun(CLI::App& run, Options& o) {
@@ -89,17 +77,17 @@ void DefineRun(CLI::App& run, Options& o) {
   run.add_option("NAME=VALUE", o.assignments,
                  "properties, in order; a later one of the same name "
                  "replaces the earlier value");
-  run.add_option("--properties", o.propertiesFile,
+  run.add_option("--properties", o.properties_file,
                  "JSON array of [name, value] pairs, or a JSON object; "
                  "these come first");
   run.add_flag("--json", o.json, "print the outcome as one JSON object");
-  run.add_option("--log-level", o.logLevel,
-                 "trace | debug | warn | error | off (default warn)");
-  run.add_option("--log-file", o.logFile, "write the host log to FILE");
-  run.add_option("--server-version", o.serverVersion,
+  run.add_option("--log-level", o.log_level,
+                 "trace | debug | info | warn | error | off (default warn)");
+  run.add_option("--log-file", o.log_file, "write the host log to FILE");
+  run.add_option("--server-version", o.server_version,
                  "server version the host reports, decimal or 0x-hex");
-  run.add_option("--fetchlet-lib", o.pluginPath, "the plug-in to load");
-  run.add_option("--output-limit", o.outputLimit,
+  run.add_option("--fetchlet-lib", o.plugin_path, "the plug-in to load");
+  run.add_option("--output-limit", o.output_limit,
                  "most bytes held of each output stream of a command: "
                  "bytes, or with KiB, MiB, GiB (default 64MiB; 0: no limit)");
   run.add_option("--memory-limit", o.limits.memory,
@@ -109,7 +97,7 @@ void DefineRun(CLI::App& run, Options& o) {
                  "most processes and threads the command may have at once");
   run.add_option("--cpu-limit", o.limits.cpu,
                  "share of one core the command may use, e.g. 0.5");
-  run.add_flag("--ask-password", o.askPassword,
+  run.add_flag("--ask-password", o.ask_password,
                "ask for the password on the terminal, without echo");
   run.footer(kRunFooter);
 }
@@ -121,29 +109,29 @@ int Usage(const std::string& message) {
 
 // Applies the host settings; a message when one is not valid.
 std::string ConfigureHost(const Options& o) {
-  const auto level = kLevels.find(o.logLevel);
-  if (level == kLevels.end()) return "unknown log level '" + o.logLevel + "'";
-  qvehost::SetLogLevel(level->second);
-  if (!o.logFile.empty() && !qvehost::SetLogFile(o.logFile)) {
-    return "cannot open log file " + o.logFile;
+  const auto level = LogLevelNamed(o.log_level);
+  if (!level) return "unknown log level '" + o.log_level + "'";
+  qvehost::SetLogLevel(level->host);
+  if (!o.log_file.empty() && !qvehost::SetLogFile(o.log_file)) {
+    return "cannot open log file " + o.log_file;
   }
-  if (!o.serverVersion.empty()) {
+  if (!o.server_version.empty()) {
     size_t used = 0;
     long version = 0;
     try {
-      version = std::stol(o.serverVersion, &used, 0);
+      version = std::stol(o.server_version, &used, 0);
     } catch (const std::exception&) {
       used = 0;
     }
-    if (used != o.serverVersion.size() || version < 0 || version > INT32_MAX) {
-      return "bad server version '" + o.serverVersion + "'";
+    if (used != o.server_version.size() || version < 0 || version > INT32_MAX) {
+      return "bad server version '" + o.server_version + "'";
     }
     qvehost::SetServerVersion(static_cast<int32_t>(version));
   }
-  if (!o.outputLimit.empty()) {
+  if (!o.output_limit.empty()) {
     uint64_t limit = 0;
-    if (!ParseByteSize(o.outputLimit, &limit)) {
-      return "bad output limit '" + o.outputLimit + "'";
+    if (!ParseByteSize(o.output_limit, &limit)) {
+      return "bad output limit '" + o.output_limit + "'";
     }
     qvehost::SetOutputLimit(limit);
   }
@@ -158,7 +146,7 @@ std::string ConfigureHost(const Options& o) {
 // password_file=PATH stands for password=<the file's secret>; an empty
 // password= from the command line for the value taken out of argv.
 std::string ResolveSecret(Property* property,
-                          std::vector<std::string>* argvPasswords) {
+                          std::vector<std::string>* argv_passwords) {
   auto& [name, value] = *property;
   if (name == "password_file") {
     std::string error;
@@ -166,9 +154,9 @@ std::string ResolveSecret(Property* property,
     if (!ReadSecretFile(value, &secret, &error)) return error;
     name = "password";
     value.swap(secret);
-  } else if (name == "password" && !argvPasswords->empty()) {
-    value.swap(argvPasswords->front());
-    argvPasswords->erase(argvPasswords->begin());
+  } else if (name == "password" && !argv_passwords->empty()) {
+    value.swap(argv_passwords->front());
+    argv_passwords->erase(argv_passwords->begin());
   }
   return "";
 }
@@ -176,8 +164,8 @@ std::string ResolveSecret(Property* property,
 // File properties first, then the command line's.
 std::string CollectProperties(Options& o, std::vector<Property>* out) {
   std::string error;
-  if (!o.propertiesFile.empty() &&
-      !ReadPropertiesFile(o.propertiesFile, out, &error)) {
+  if (!o.properties_file.empty() &&
+      !ReadPropertiesFile(o.properties_file, out, &error)) {
     return error;
   }
   for (Property& property : *out) {
@@ -190,7 +178,7 @@ std::string CollectProperties(Options& o, std::vector<Property>* out) {
     if (!ParseAssignment(assignment, &property)) {
       return "property '" + assignment + "' is not NAME=VALUE";
     }
-    error = ResolveSecret(&property, &o.argvPasswords);
+    error = ResolveSecret(&property, &o.argv_passwords);
     if (!error.empty()) return error;
     out->push_back(std::move(property));
   }
@@ -217,50 +205,37 @@ bool ShowResources(const LimitOptions& asked, const qvehost::RunResources& r) {
          r.oom_kills != 0 || r.forks_refused != 0;
 }
 
-int Evaluate(const Family& family, const std::vector<Property>& properties,
-             bool json, const LimitOptions& limits) {
-  qvefet_Context* context = qvehost::NewContext();
-  qvlnv_NVList* list = qvehost::NewPropertyList();
-  for (const auto& [name, value] : properties) {
-    qvehost::SetProperty(list, name, value);
-  }
-  qvefet_Fetchlet* fetchlet = nullptr;
-  int32_t status = family.getFetchlet(context, &fetchlet);
-  qvedrmr_MetricResult* result = nullptr;
-  qveue_Exception* exception = nullptr;
-  if (status == 0) {
-    WatchInterrupts(RequestId(properties));
-    status = family.getMetric(context, list, &result, &exception);
-    family.freeFetchlet(fetchlet);
-  }
-  const qvehost::RunResources resources = qvehost::TakeRunResources();
+int Evaluate(const agent::EntryPoints& entry_points,
+             const std::vector<Property>& properties, bool json,
+             const LimitOptions& limits) {
+  agent::PropertyList list = agent::NewPropertyList(properties);
+  const std::string request_id = RequestId(properties);
+  WatchInterrupts(request_id);
+  const agent::Outcome outcome =
+      agent::Evaluate(entry_points, list.get(), {0, request_id, std::nullopt, std::nullopt});
   if (json) {
-    PrintJson(std::cout, status, result, exception,
-              qvehost::RunResourcesToJson(resources).dump());
-  } else if (status == 0) {
-    PrintTable(std::cout, result);
+    PrintJson(std::cout, outcome.status, outcome.result.get(),
+              outcome.exception.get(), ResourcesJson(outcome.resources).dump());
+  } else if (outcome.status == 0) {
+    PrintTable(std::cout, outcome.result.get());
   } else {
-    PrintFailure(std::cerr, status, exception);
+    PrintFailure(std::cerr, outcome.status, outcome.exception.get());
   }
-  if (!json && ShowResources(limits, resources)) {
-    PrintResources(std::cerr, resources);
+  if (!json && ShowResources(limits, outcome.resources)) {
+    PrintResources(std::cerr, outcome.resources);
   }
-  if (result != nullptr) qvedrmr_MetricResult_delete(result);
-  if (exception != nullptr) qveue_Exception_delete(exception);
-  qvehost::DeletePropertyList(list);
-  qvehost::DeleteContext(context);
-  return status == 0 ? 0 : 1;
+  return outcome.status == 0 ? 0 : 1;
 }
 
 int Run(Options& o) {
-  const auto family = kFamilies.find(o.kind);
-  if (family == kFamilies.end()) return Usage("unknown kind '" + o.kind + "'");
+  const auto kind = agent::KindNamed(o.kind);
+  if (!kind) return Usage("unknown kind '" + o.kind + "'");
   std::string error = ConfigureHost(o);
   if (!error.empty()) return Usage(error);
   std::vector<Property> properties;
   error = CollectProperties(o, &properties);
   if (!error.empty()) return Usage(error);
-  if (o.askPassword) {
+  if (o.ask_password) {
     bool interrupted = false;
     std::string password;
     if (!AskPassword(&password, &error, &interrupted)) {
@@ -269,10 +244,10 @@ int Run(Options& o) {
     properties.emplace_back("password", std::move(password));
   }
   const std::string path =
-      o.pluginPath.empty() ? DefaultPluginPath() : o.pluginPath;
-  std::unique_ptr<Plugin> plugin = Plugin::Load(path, &error);
+      o.plugin_path.empty() ? agent::DefaultPluginPath() : o.plugin_path;
+  std::unique_ptr<agent::Plugin> plugin = agent::Plugin::Load(path, &error);
   if (!plugin) return Usage("cannot load " + path + ": " + error);
-  const std::optional<Family> functions = plugin->Find(family->second);
+  const std::optional<agent::EntryPoints> functions = plugin->Find(*kind);
   if (!functions) {
     return Usage("the " + o.kind + " fetchlet is not built yet in " + path);
   }
@@ -291,14 +266,14 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   fetchlet::BlockInterrupts();
   CLI::App app{"fetchlet: runs a metric through the OS fetchlets"};
   app.require_subcommand(1);
-  app.set_version_flag("--version", "fetchlet " QVE_PROJECT_VERSION);
+  app.set_version_flag("--version", "fetchlet " FETCHLET_VERSION);
   fetchlet::Options options;
-  options.argvPasswords = fetchlet::TakePasswordArguments(argc, argv);
-  if (!options.argvPasswords.empty()) std::cerr << fetchlet::kPasswordWarning;
+  options.argv_passwords = fetchlet::TakePasswordArguments(argc, argv);
+  if (!options.argv_passwords.empty()) std::cerr << fetchlet::kPasswordWarning;
   CLI::App* run = app.add_subcommand("run", "evaluate one metric");
   fetchlet::DefineRun(*run, options);
-  fetchlet::TestOptions test_options;
-  CLI::App* test = fetchlet::DefineTest(app, test_options);
+  fetchlet::CheckOptions check_options;
+  CLI::App* test = fetchlet::DefineCheck(app, check_options);
   fetchlet::ServeOptions serve_options;
   CLI::App* serve = fetchlet::DefineServe(app, serve_options);
   app.footer(fetchlet::kRunFooter);
@@ -308,7 +283,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     const int code = app.exit(e);
     return code == 0 ? 0 : fetchlet::kUsageError;
   }
-  if (test->parsed()) return fetchlet::RunTest(test_options);
+  if (test->parsed()) return fetchlet::RunCheck(check_options);
   if (serve->parsed()) return fetchlet::RunServe(serve_options);
   return fetchlet::Run(options);
 }

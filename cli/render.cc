@@ -79,14 +79,20 @@ void WriteJsonString(std::ostream& out, std::string_view text) {
 
 void WriteJsonRow(std::ostream& out, const qvedrvr_ValueRow* row);
 
-void WriteJsonRows(std::ostream& out,
-                   const std::vector<const qvedrvr_ValueRow*>& rows) {
-  out << "{\"rows\":[";
+void WriteJsonRowArray(std::ostream& out,
+                       const std::vector<const qvedrvr_ValueRow*>& rows) {
+  out << '[';
   for (size_t i = 0; i < rows.size(); ++i) {
     if (i > 0) out << ',';
     WriteJsonRow(out, rows[i]);
   }
   out << ']';
+}
+
+void WriteJsonRows(std::ostream& out,
+                   const std::vector<const qvedrvr_ValueRow*>& rows) {
+  out << "{\"rows\":";
+  WriteJsonRowArray(out, rows);
 }
 
 void WriteJsonRow(std::ostream& out, const qvedrvr_ValueRow* row) {
@@ -174,6 +180,10 @@ void PrintJson(std::ostream& out, int32_t status,
   }
   if (!resources.empty()) out << ",\"resources\":" << resources;
   out << "}\n";
+}
+
+void PrintJsonRows(std::ostream& out, const qvedrmr_MetricResult* result) {
+  WriteJsonRowArray(out, qvehost::ResultRows(result));
 }
 
 void PrintTable(std::ostream& out, const qvedrmr_MetricResult* result) {

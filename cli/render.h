@@ -19,6 +19,9 @@ void PrintJson(std::ostream& out, int32_t status,
                const qvedrmr_MetricResult* result, qveue_Exception* exception,
                const std::string& resources = {});
 
+// The result's rows as a JSON array, written the same way ([] for null).
+void PrintJsonRows(std::ostream& out, const qvedrmr_MetricResult* result);
+
 inline constexpr const char* kNoResult = "(no result)";
 inline constexpr const char* kNoRows = "(no rows)";
 

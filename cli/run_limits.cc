@@ -69,4 +69,21 @@ void PrintResources(std::ostream& err, const qvehost::RunResources& r) {
   }
 }
 
+nlohmann::json ResourcesJson(const qvehost::RunResources& r) {
+  nlohmann::json json = {
+      {"runs", r.runs},
+      {"cpu_user_seconds", r.user_seconds},
+      {"cpu_system_seconds", r.system_seconds},
+      {"memory_peak_bytes", r.memory_peak_bytes},
+      {"measured_by", r.from_cgroup ? "cgroup" : "direct child"},
+      {"memory_measured_by", r.memory_from_cgroup ? "cgroup" : "direct child"}};
+  if (r.io_counted) {
+    json["io_read_bytes"] = r.io_read_bytes;
+    json["io_write_bytes"] = r.io_write_bytes;
+  }
+  if (r.oom_kills_counted) json["oom_kills"] = r.oom_kills;
+  if (r.forks_counted) json["forks_refused"] = r.forks_refused;
+  return json;
+}
+
 }  // namespace fetchlet

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "qve/embedded.h"
 
 namespace fetchlet {
@@ -23,6 +25,9 @@ struct LimitOptions {
 // Reads the options into limits; the message of the first bad one, or "".
 std::string ParseLimitOptions(const LimitOptions& options,
                               qvehost::RunLimits* limits);
+
+// The figures as `fetchlet run --json` and `fetchlet test --json` show them.
+nlohmann::json ResourcesJson(const qvehost::RunResources& r);
 
 // The figures as one line of text, and a line for each limit a run reached.
 void PrintResources(std::ostream& err, const qvehost::RunResources& r);

@@ -3,12 +3,11 @@
 #include <signal.h>
 
 #include <iostream>
-#include <map>
 
 #include <spdlog/spdlog.h>
 
-#include "plugin.h"
-#include "qve/embedded.h"
+#include "agent/plugin.h"
+#include "log_level.h"
 #include "serve/notify.h"
 #include "serve/server.h"
 
@@ -17,19 +16,6 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
-
-struct Level {
-  qvehost::LogLevel host;
-  spdlog::level::level_enum own;
-};
-
-const std::map<std::string, Level> kLevels = {
-    {"trace", {qvehost::LogLevel::kTrace, spdlog::level::trace}},
-    {"debug", {qvehost::LogLevel::kDebug, spdlog::level::debug}},
-    {"info", {qvehost::LogLevel::kWarn, spdlog::level::info}},
-    {"warn", {qvehost::LogLevel::kWarn, spdlog::level::warn}},
-    {"error", {qvehost::LogLevel::kError, spdlog::level::err}},
-    {"off", {qvehost::LogLevel::kOff, spdlog::level::off}}};
 
 sigset_t ServeSignals() {
   sigset_t signals;
@@ -87,26 +73,24 @@ int RunServe(const ServeOptions& o) {
     std::cerr << "fetchlet: serve needs --config FILE\n";
     return kUsageError;
   }
-  const auto level = kLevels.find(o.log_level);
-  if (level == kLevels.end()) {
+  const auto level = LogLevelNamed(o.log_level);
+  if (!level) {
     std::cerr << "fetchlet: unknown log level '" << o.log_level << "'\n";
     return kUsageError;
   }
-  qvehost::SetLogLevel(level->second.host);
-  spdlog::default_logger()->set_level(level->second.own);
+  qvehost::SetLogLevel(level->host);
+  spdlog::default_logger()->set_level(level->own);
   const std::string path =
-      o.plugin_path.empty() ? DefaultPluginPath() : o.plugin_path;
+      o.plugin_path.empty() ? agent::DefaultPluginPath() : o.plugin_path;
   std::string error;
-  std::unique_ptr<Plugin> plugin = Plugin::Load(path, &error);
+  std::unique_ptr<agent::Plugin> plugin = agent::Plugin::Load(path, &error);
   if (!plugin) {
     std::cerr << "fetchlet: cannot load " << path << ": " << error << "\n";
     return kUsageError;
   }
   serve::Server server(
       o.config, o.listen,
-      [&](serve::CollectorKind kind) {
-        return plugin->Find(serve::EntryPointPrefix(kind));
-      },
+      [&](agent::Kind kind) { return plugin->Find(kind); },
       o.web_config);
   if (!server.Start(&error)) {
     std::cerr << "fetchlet: " << error << "\n";

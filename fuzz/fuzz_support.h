@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "qve/embedded.h"
 #include "qve/host.h"
 

@@ -1,8 +1,8 @@
 // The command line rule and the argument splitter on fuzzed commands.
 //
 // Header: byte 0 flags: 1 "command" present, 2 "script" present, 4 "args"
-// present, 8 no exception slot, 16 also split a null line; byte 1 an
-// allocation fault of "qvefos" (see ArmAllocationFault).
+// present, 8 no exception slot, 16 also split a null line. Allocation
+// faults are the fault sweep's.
 // Fields: command, script, args.
 //
 // What must hold: the command line is the trimmed command, then " script"
@@ -77,23 +77,20 @@ void CheckTokens(char** argv, const std::string& line) {
   Check(argv[raw.size()] == nullptr, "no null slot after the tokens", line);
 }
 
-void CheckSplit(const char* line, bool slot, bool fault) {
+void CheckSplit(const char* line, bool slot) {
   qveue_Exception* exception = nullptr;
   char** argv = qvefos_splitArguments(line, slot ? &exception : nullptr);
   const std::string text = line != nullptr ? line : "";
   if (line == nullptr) {
-    Check(argv != nullptr || fault, "null line gives no vector");
-    if (argv != nullptr) Check(argv[0] == nullptr, "null line gives a token");
+    Check(argv != nullptr && argv[0] == nullptr, "null line gives a token");
     if (slot) CheckException(exception, 11, "Command for fetchlet is NULL");
   } else if (OddQuotes(text)) {
     Check(argv == nullptr, "unmatched quotes accepted", text);
     const std::string message = "Argument '" + text + "' has mismatch quotes";
     if (slot)
       CheckException(exception, 11, message.substr(0, kMessageSize - 1));
-  } else if (argv == nullptr) {
-    Check(fault, "matched quotes refused", text);
-    if (slot) CheckException(exception, 12, "Unable to allocate memory");
   } else {
+    Check(argv != nullptr, "matched quotes refused", text);
     Check(exception == nullptr, "exception on success", text);
     CheckTokens(argv, text);
   }
@@ -125,7 +122,7 @@ std::string ExpectedLine(const Request& request) {
 
 // The built line, or nullopt when the rule refused the request.
 std::optional<std::string> CheckCommandLine(const Request& request, bool slot,
-                                            bool fault, qveulm_LogCtx* log) {
+                                            qveulm_LogCtx* log) {
   qvefuzz::Properties properties;
   properties.SetIf("command", request.command);
   properties.SetIf("script", request.script);
@@ -140,10 +137,8 @@ std::optional<std::string> CheckCommandLine(const Request& request, bool slot,
   if (refused) {
     Check(status == -1 && !built.has_value(), "empty command accepted");
     if (slot) CheckException(exception, 11, "Command for fetchlet is NULL");
-  } else if (status != 0) {
-    Check(fault && status == -1 && !built.has_value(), "command refused");
-    if (slot) CheckException(exception, 12, "Unable to allocate memory");
   } else {
+    Check(status == 0, "command refused");
     Check(built == ExpectedLine(request), "command line differs", *built);
     const std::optional<std::string> kept = properties.HostValue("command");
     // A command of blanks only has no last non-blank byte to cut behind.
@@ -161,17 +156,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qvefuzz::Session session;
   qvefuzz::Input input(data, size);
   const uint8_t flags = input.Byte();
-  const bool fault = qvefuzz::ArmAllocationFault(input.Byte(), "qvefos", "");
   const bool slot = (flags & 8) == 0;
   Request request;
   request.command = input.FieldIf((flags & 1) != 0);
   request.script = input.FieldIf((flags & 2) != 0);
   request.args = input.FieldIf((flags & 4) != 0);
 
-  CheckSplit(request.command.value_or("").c_str(), slot, fault);
-  if ((flags & 16) != 0) CheckSplit(nullptr, slot, fault);
+  CheckSplit(request.command.value_or("").c_str(), slot);
+  if ((flags & 16) != 0) CheckSplit(nullptr, slot);
   const std::optional<std::string> line =
-      CheckCommandLine(request, slot, fault, session.Log("fetchlets.os"));
-  if (line.has_value()) CheckSplit(line->c_str(), slot, fault);
+      CheckCommandLine(request, slot, session.Log("fetchlets.os"));
+  if (line.has_value()) CheckSplit(line->c_str(), slot);
   return 0;
 }

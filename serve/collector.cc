@@ -25,10 +25,38 @@ void AddResources(const Snapshot& last, const qvehost::RunResources& r,
   next->memory_peak_bytes = static_cast<double>(r.memory_peak_bytes);
 }
 
+// A note carries a command's own text (its standard error, a message): each
+// control byte is escaped so that the text cannot begin a log line of its
+// own.
+std::string LogSafe(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string safe;
+  safe.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\\') {
+      safe += "\\\\";
+    } else if (c == '\n') {
+      safe += "\\n";
+    } else if (c == '\r') {
+      safe += "\\r";
+    } else if (c == '\t') {
+      safe += "\\t";
+    } else if (byte < 0x20 || byte == 0x7f) {
+      safe += "\\x";
+      safe += kHex[byte >> 4];
+      safe += kHex[byte & 0xf];
+    } else {
+      safe += c;
+    }
+  }
+  return safe;
+}
+
 }  // namespace
 
 Collector::Collector(CollectorConfig config,
-                     const ::fetchlet::Family& entry_points)
+                     const agent::EntryPoints& entry_points)
     : config_(std::move(config)),
       entry_points_(entry_points),
       snapshot_(std::make_shared<const Snapshot>()) {}
@@ -38,32 +66,38 @@ std::shared_ptr<const Snapshot> Collector::snapshot() const {
   return snapshot_;
 }
 
-void Collector::CountFailure(const std::string& kind, uint64_t n) {
-  for (size_t i = 0; i < kFailureKinds.size(); ++i) {
-    if (kind == kFailureKinds[i]) failures_[i].fetch_add(n);
+// The password is added here, at evaluation time, so that it never stands
+// among the properties that are logged or rendered.
+agent::Outcome Collector::Evaluate(const agent::Call& call) const {
+  agent::PropertyList list = agent::NewPropertyList(config_.properties);
+  if (!config_.password.empty()) {
+    qvehost::SetProperty(list.get(), "password", config_.password);
   }
+  agent::Call limited = call;
+  limited.limits = ToRunLimits(config_.limits);
+  return agent::Evaluate(entry_points_, list.get(), limited);
 }
 
-void Collector::Publish(const Evaluation& evaluation) {
-  Mapped mapped = MapEvaluation(config_, evaluation);
+void Collector::Publish(const agent::Outcome& outcome) {
+  Mapped mapped = MapEvaluation(config_, outcome);
   auto next = std::make_shared<Snapshot>();
   const std::shared_ptr<const Snapshot> last = snapshot();
   next->generation = last->generation + 1;
   next->last_success_unix = last->last_success_unix;
-  next->duration_seconds = evaluation.duration_seconds;
+  next->duration_seconds = outcome.duration_seconds;
   next->finished = std::chrono::steady_clock::now();
-  AddResources(*last, evaluation.resources, next.get());
-  next->up = mapped.failure.empty();
+  AddResources(*last, outcome.resources, next.get());
+  next->up = !mapped.failure;
   if (next->up) next->last_success_unix = UnixNow();
-  if (!mapped.failure.empty()) CountFailure(mapped.failure, 1);
+  if (mapped.failure) CountFailure(*mapped.failure, 1);
   if (mapped.dropped_rows > 0) {
-    CountFailure("parse", static_cast<uint64_t>(mapped.dropped_rows));
+    CountFailure(Failure::kParse, static_cast<uint64_t>(mapped.dropped_rows));
   }
   if ((!next->up || mapped.dropped_rows > 0) && !mapped.notes.empty()) {
     next->last_error = mapped.notes.back();
   }
   for (const std::string& note : mapped.notes) {
-    spdlog::warn("collector {}: {}", config_.name, note);
+    spdlog::warn("collector {}: {}", config_.name, LogSafe(note));
   }
   auto families = std::make_shared<const Families>(std::move(mapped.families));
   const std::vector<const Families*> parts = {families.get()};

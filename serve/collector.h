@@ -12,19 +12,14 @@
 #include <mutex>
 #include <string>
 
-#include "cli/plugin.h"
+#include "agent/evaluate.h"
 #include "serve/config.h"
-#include "serve/evaluate.h"
+#include "serve/failure.h"
 #include "serve/model.h"
 
 namespace fetchlet::serve {
 
 using SteadyTime = std::chrono::steady_clock::time_point;
-
-// Label values of fetchlet_collector_failures_total{kind}.
-constexpr std::array<const char*, 8> kFailureKinds = {
-    "timeout",   "run",      "invalid_request", "process_limit",
-    "no_result", "no_value", "parse",           "resource"};
 
 struct Snapshot {
   FamiliesPtr families;     // empty after a failed evaluation
@@ -35,7 +30,7 @@ struct Snapshot {
   double last_success_unix = 0;  // 0: never
   std::string last_error;
   SteadyTime finished{};   // epoch: not evaluated yet
-  uint64_t generation = 0;
+  uint64_t generation = 0;  // 0: not evaluated yet
   // What the collector's commands cost: totals since serve started, and the
   // largest memory of the last evaluation's commands.
   double cpu_user_seconds = 0;
@@ -47,33 +42,39 @@ struct Snapshot {
 
 class Collector {
  public:
-  Collector(CollectorConfig config, const ::fetchlet::Family& entry_points);
+  Collector(CollectorConfig config, const agent::EntryPoints& entry_points);
 
   const CollectorConfig& config() const { return config_; }
-  const ::fetchlet::Family& entry_points() const { return entry_points_; }
+
+  // Evaluates the collector's properties and password once, under call.
+  agent::Outcome Evaluate(const agent::Call& call) const;
 
   std::shared_ptr<const Snapshot> snapshot() const;
-  // Maps evaluation, renders it and publishes the result; counts failures.
-  void Publish(const Evaluation& evaluation);
+  // Maps outcome, renders it and publishes the result; counts failures.
+  void Publish(const agent::Outcome& outcome);
 
   void CountSkip() { skipped_.fetch_add(1, std::memory_order_relaxed); }
   uint64_t skipped() const { return skipped_.load(std::memory_order_relaxed); }
-  uint64_t failures(size_t kind) const {
-    return failures_[kind].load(std::memory_order_relaxed);
+  uint64_t failures(Failure failure) const {
+    return failures_[static_cast<size_t>(failure)].load(
+        std::memory_order_relaxed);
   }
   uint64_t duplicates() const {
     return duplicates_.load(std::memory_order_relaxed);
   }
 
  private:
-  void CountFailure(const std::string& kind, uint64_t n);
+  void CountFailure(Failure failure, uint64_t n) {
+    failures_[static_cast<size_t>(failure)].fetch_add(
+        n, std::memory_order_relaxed);
+  }
 
   const CollectorConfig config_;
-  const ::fetchlet::Family entry_points_;
+  const agent::EntryPoints entry_points_;
   mutable std::mutex mutex_;
   std::shared_ptr<const Snapshot> snapshot_;
   std::atomic<uint64_t> skipped_{0};
-  std::array<std::atomic<uint64_t>, kFailureKinds.size()> failures_{};
+  std::array<std::atomic<uint64_t>, kFailureCount> failures_{};
   std::atomic<uint64_t> duplicates_{0};
 };
 

@@ -105,6 +105,10 @@ std::string ConfigProblem::ToString() const {
          std::to_string(where.column) + ": " + message;
 }
 
+std::string ConfigProblem::ToWarning() const {
+  return ConfigProblem{where, "warning: " + message}.ToString();
+}
+
 bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b) {
   return a.name == b.name && a.kind == b.kind &&
          a.properties == b.properties && a.password == b.password &&
@@ -145,19 +149,21 @@ std::optional<Config> LoadConfig(const std::string& path,
   return config;
 }
 
-int CheckConfig(const std::string& path) {
+std::optional<Config> LoadConfig(const std::string& path, std::ostream& err) {
   std::vector<ConfigProblem> problems;
   std::vector<ConfigProblem> warnings;
-  const bool loaded = LoadConfig(path, &problems, &warnings).has_value();
+  std::optional<Config> config = LoadConfig(path, &problems, &warnings);
   for (const ConfigProblem& warning : warnings) {
-    std::cerr << warning.where.file << ":" << warning.where.line << ":"
-              << warning.where.column << ": warning: " << warning.message
-              << "\n";
+    err << warning.ToWarning() << "\n";
   }
   for (const ConfigProblem& problem : problems) {
-    std::cerr << problem.ToString() << "\n";
+    err << problem.ToString() << "\n";
   }
-  return loaded ? 0 : 1;
+  return config;
+}
+
+int CheckConfig(const std::string& path) {
+  return LoadConfig(path, std::cerr) ? 0 : 1;
 }
 
 }  // namespace fetchlet::serve

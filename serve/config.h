@@ -6,12 +6,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "agent/plugin.h"
 #include "serve/model.h"
 
 namespace re2 {
@@ -37,6 +39,9 @@ struct ConfigProblem {
   Position where;
   std::string message;
   std::string ToString() const;
+  // "file:line:column: warning: message", for a problem that does not
+  // fail the load.
+  std::string ToWarning() const;
 };
 
 // How one cell becomes a number: the cell of column, with trim_suffix cut
@@ -66,7 +71,7 @@ struct TableSpec {
   std::optional<int> nested_table;  // which nested table to read
 };
 
-enum class CollectorKind { kOs, kOsLine, kOsLineToken, kUdm };
+using CollectorKind = agent::Kind;
 
 // What each run of a collector may take; unset: no limit. A collector's
 // unset ones come from the file's top-level limits.
@@ -120,6 +125,11 @@ struct Config {
 std::optional<Config> LoadConfig(const std::string& path,
                                  std::vector<ConfigProblem>* problems,
                                  std::vector<ConfigProblem>* warnings);
+
+// The same, with each warning ("file:line:column: warning: message") and
+// then each problem ("file:line:column: message") written to err, a line
+// each.
+std::optional<Config> LoadConfig(const std::string& path, std::ostream& err);
 
 // --check-config: prints each problem ("file:line:column: message") and
 // each warning ("file:line:column: warning: message") to standard error;

@@ -4,6 +4,7 @@
 #include <re2/re2.h>
 
 #include "serve/config_internal.h"
+#include "serve/duration.h"
 #include "serve/secret_file.h"
 
 namespace fetchlet::serve {
@@ -14,11 +15,6 @@ const std::vector<std::string> kCollectorKeys = {
     "password_credential",   "interval",   "on_scrape", "timeout",
     "table",    "regex",     "metrics",    "value",     "limits"};
 
-const std::vector<std::pair<std::string, CollectorKind>> kKinds = {
-    {"os", CollectorKind::kOs},
-    {"osline", CollectorKind::kOsLine},
-    {"oslinetoken", CollectorKind::kOsLineToken},
-    {"udm", CollectorKind::kUdm}};
 
 bool IsCollectorName(const std::string& name) {
   if (name.empty()) return false;
@@ -123,6 +119,15 @@ void ReadMetrics(YamlReader& reader, const YAML::Node& node,
   }
 }
 
+// 0s, the default, may be written out: every scrape evaluates.
+Duration CacheFor(YamlReader& reader, const YamlReader::Entry& cache) {
+  if (cache.value.IsScalar() &&
+      ParseDuration(cache.value.Scalar()) == Duration(0)) {
+    return Duration(0);
+  }
+  return reader.DurationValue(cache.value, cache.key).value_or(Duration(0));
+}
+
 void ReadSchedule(YamlReader& reader, const YamlReader::Entry& entry,
                   CollectorConfig* collector) {
   if (entry.key == "interval") {
@@ -134,8 +139,7 @@ void ReadSchedule(YamlReader& reader, const YamlReader::Entry& entry,
     collector->cache_for = Duration(0);
     for (const auto& cache : reader.Entries(entry.value, "on_scrape",
                                             {"cache_for"})) {
-      collector->cache_for =
-          reader.DurationValue(cache.value, cache.key).value_or(Duration(0));
+      collector->cache_for = CacheFor(reader, cache);
     }
   }
 }
@@ -173,12 +177,19 @@ std::optional<CollectorKind> ReadKind(YamlReader& reader,
   if (!node.IsDefined()) return std::nullopt;
   const auto text = reader.String(node, "kind");
   if (!text) return std::nullopt;
-  for (const auto& [name, kind] : kKinds) {
-    if (name == *text) return kind;
-  }
-  reader.Problem(node, "unknown kind '" + *text +
-                           "' (os, osline, oslinetoken, udm)");
+  if (const auto kind = agent::KindNamed(*text)) return kind;
+  reader.Problem(node, "unknown kind '" + *text + "' (" + agent::KindNames() +
+                           ")");
   return std::nullopt;
+}
+
+// Without a command every run fails as an invalid request: say so at load.
+void CheckCommand(YamlReader& reader, const YAML::Node& node,
+                  const CollectorConfig& collector) {
+  for (const auto& [name, value] : collector.properties) {
+    if (name == "command") return;
+  }
+  reader.Problem(node, "a collector needs the property 'command'");
 }
 
 }  // namespace
@@ -207,6 +218,7 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                          "'on_scrape'");
   }
   if (!kind) return collector;
+  CheckCommand(reader, node, collector);
   CheckKindKeys(reader, node, entries, *kind);
   CheckColumns(reader, collector);
   CheckUdmValue(reader, node, collector);

@@ -11,10 +11,9 @@
 #include <vector>
 
 #include "serve/model.h"
+#include "serve/negotiation.h"
 
 namespace fetchlet::serve {
-
-enum class Format { kText, kOpenMetrics };
 
 // Longest label value rendered, in bytes; a longer one is cut at a
 // character boundary.
@@ -30,17 +29,6 @@ std::string RenderExposition(const std::vector<FamiliesPtr>& collectors,
 // series were dropped.
 size_t AppendFamilies(const std::vector<const Families*>& parts,
                       Format format, std::string* out);
-
-// The format an Accept header asks for, by q-value; the text format when
-// the header is empty or names nothing we serve.
-Format NegotiateFormat(std::string_view accept);
-const char* ContentType(Format format);
-
-// Whether an Accept-Encoding header takes gzip (q-values honoured).
-bool AcceptsGzip(std::string_view accept_encoding);
-
-// data in the gzip format.
-std::string Gzip(std::string_view data);
 
 // Building blocks, exposed for tests.
 std::string ValidUtf8(std::string_view text);  // bad bytes become U+FFFD

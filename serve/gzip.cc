@@ -1,6 +1,6 @@
 #include <zlib.h>
 
-#include "serve/exposition.h"
+#include "serve/negotiation.h"
 
 namespace fetchlet::serve {
 

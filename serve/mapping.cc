@@ -7,41 +7,28 @@
 namespace fetchlet::serve {
 namespace {
 
-using Json = nlohmann::json;
+using qvehost::CellView;
+using Rows = std::vector<const qvedrvr_ValueRow*>;
 
-struct KindName {
-  int32_t kind;
-  const char* name;
-};
-
-constexpr KindName kFailureKinds[] = {{7, "timeout"},
-                                      {12, "run"},
-                                      {11, "invalid_request"},
-                                      {15, "process_limit"}};
-
-// The failure kind of an evaluation that gave no result to map, or "".
-std::string FailureKind(const Evaluation& evaluation) {
-  if (evaluation.timed_out) return "timeout";
-  if (evaluation.status == 0 && evaluation.result.is_object()) return "";
+// Why an evaluation gave no result to map, or nullopt.
+std::optional<Failure> FailureOf(const agent::Outcome& outcome) {
+  if (outcome.timed_out) return Failure::kTimeout;
+  if (outcome.Succeeded()) return std::nullopt;
   // A command the OOM killer ended or that was refused a fork failed for
   // its limits, whatever kind the fetchlet gave.
-  if (evaluation.resources.oom_kills != 0 ||
-      evaluation.resources.forks_refused != 0) {
-    return "resource";
+  if (outcome.resources.oom_kills != 0 || outcome.resources.forks_refused != 0) {
+    return Failure::kResource;
   }
-  for (const KindName& kind : kFailureKinds) {
-    if (kind.kind == evaluation.exception_kind) return kind.name;
-  }
-  return "no_result";
+  return FailureOfException(outcome.ExceptionKind());
 }
 
-std::string FailureNote(const Evaluation& evaluation) {
-  if (evaluation.timed_out) return "ended at its time limit";
-  if (evaluation.exception_kind != 0) {
-    return "failed (kind " + std::to_string(evaluation.exception_kind) +
-           "): " + evaluation.exception_message;
+std::string FailureNote(const agent::Outcome& outcome) {
+  if (outcome.timed_out) return "ended at its time limit";
+  if (outcome.exception) {
+    return "failed (kind " + std::to_string(outcome.ExceptionKind()) +
+           "): " + std::string(outcome.ExceptionMessage());
   }
-  return "failed with status " + std::to_string(evaluation.status) +
+  return "failed with status " + std::to_string(outcome.status) +
          " and no result";
 }
 
@@ -54,14 +41,16 @@ const std::string* Property(const CollectorConfig& collector,
   return found;
 }
 
-Cells RowCells(const Json& row, bool drop_empty) {
+std::vector<CellView> RowCells(const qvedrvr_ValueRow* row) {
+  return row != nullptr ? qvehost::RowView(*row) : std::vector<CellView>{};
+}
+
+Cells TextCells(const qvedrvr_ValueRow* row, bool drop_empty) {
   Cells cells;
-  for (const Json& cell : row) {
-    const bool text = cell.is_string();
-    if (drop_empty && (!text || cell.get_ref<const std::string&>().empty())) {
-      continue;
-    }
-    cells.push_back(text ? std::optional<std::string>(cell.get<std::string>())
+  for (const CellView& cell : RowCells(row)) {
+    const bool text = cell.kind == CellView::Kind::kText;
+    if (drop_empty && (!text || cell.text.empty())) continue;
+    cells.push_back(text ? std::optional<std::string_view>(cell.text)
                          : std::nullopt);
   }
   return cells;
@@ -69,32 +58,28 @@ Cells RowCells(const Json& row, bool drop_empty) {
 
 // The rows to read: the result's own, or with tableSeparator set, those of
 // the configured nested table (none when the output had fewer).
-const Json kNoRows = Json::array();
-
-const Json& Rows(const Json& table) {
-  const auto rows = table.find("rows");
-  return rows != table.end() && rows->is_array() ? *rows : kNoRows;
-}
-
-const Json& TableRows(const CollectorConfig& collector, const Json& result) {
-  const Json& rows = Rows(result);
+Rows TableRows(const CollectorConfig& collector,
+               const qvedrmr_MetricResult* result) {
+  Rows rows = qvehost::ResultRows(result);
   const std::string* separator = Property(collector, "tableSeparator");
   if (separator == nullptr || separator->empty()) return rows;
   const size_t index =
       static_cast<size_t>(collector.table.nested_table.value_or(0));
-  if (rows.empty() || rows[0].size() <= index || !rows[0][index].is_object()) {
-    return kNoRows;
+  if (rows.empty()) return {};
+  std::vector<CellView> first = RowCells(rows[0]);
+  if (first.size() <= index || first[index].kind != CellView::Kind::kTable) {
+    return {};
   }
-  return Rows(rows[0][index]);
+  return std::move(first[index].rows);
 }
 
-void MapTable(const CollectorConfig& collector, const Json& result,
-              Mapped* mapped) {
+void MapTable(const CollectorConfig& collector,
+              const qvedrmr_MetricResult* result, Mapped* mapped) {
   mapped->families = EmptyFamilies(collector.metrics);
-  const Json& rows = TableRows(collector, result);
+  const Rows rows = TableRows(collector, result);
   for (size_t i = static_cast<size_t>(collector.table.skip_rows);
        i < rows.size(); ++i) {
-    const Cells cells = RowCells(rows[i], collector.table.drop_empty_fields);
+    const Cells cells = TextCells(rows[i], collector.table.drop_empty_fields);
     const std::string error =
         MapRow(collector.metrics, cells, &mapped->families);
     if (error.empty()) continue;
@@ -104,52 +89,54 @@ void MapTable(const CollectorConfig& collector, const Json& result,
   }
 }
 
-std::string OsText(const Json& result) {
-  const Json& rows = Rows(result);
-  if (rows.empty() || rows[0].empty() || !rows[0][0].is_string()) return "";
-  return rows[0][0].get<std::string>();
+// Column column of the first row, when it holds text.
+std::optional<std::string_view> FirstRowText(
+    const qvedrmr_MetricResult* result, size_t column) {
+  const Rows rows = qvehost::ResultRows(result);
+  if (rows.empty()) return std::nullopt;
+  const std::vector<CellView> cells = RowCells(rows[0]);
+  if (column >= cells.size() || cells[column].kind != CellView::Kind::kText) {
+    return std::nullopt;
+  }
+  return cells[column].text;
 }
 
-void MapOs(const CollectorConfig& collector, const Json& result,
-           Mapped* mapped) {
+void MapOs(const CollectorConfig& collector,
+           const qvedrmr_MetricResult* result, Mapped* mapped) {
   const RE2& regex = *collector.compiled_regex;
-  const std::string text = OsText(result);
+  const std::string_view text = FirstRowText(result, 0).value_or("");
   std::vector<re2::StringPiece> groups(
       static_cast<size_t>(regex.NumberOfCapturingGroups()) + 1);
   if (!regex.Match(text, 0, text.size(), RE2::UNANCHORED, groups.data(),
                    static_cast<int>(groups.size()))) {
-    mapped->failure = "parse";
+    mapped->failure = Failure::kParse;
     mapped->notes.push_back("output does not match the regex");
     return;
   }
   Cells cells;
   for (const re2::StringPiece& group : groups) {
     cells.push_back(group.data() != nullptr
-                        ? std::optional<std::string>(std::string(group))
+                        ? std::optional<std::string_view>(group)
                         : std::nullopt);
   }
   mapped->families = EmptyFamilies(collector.metrics);
   const std::string error = MapRow(collector.metrics, cells, &mapped->families);
   if (error.empty()) return;
   mapped->families.clear();
-  mapped->failure = "parse";
+  mapped->failure = Failure::kParse;
   mapped->notes.push_back("output dropped: " + error);
 }
 
 // A udm row: command ID, NUMBER value, STRING value, message.
-void MapUdm(const CollectorConfig& collector, const Json& result,
-            Mapped* mapped) {
-  const Json& rows = Rows(result);
-  const Json& row = rows.empty() ? kNoRows : rows[0];
-  const auto text = [&row](size_t i) -> const Json* {
-    return i < row.size() && row[i].is_string() ? &row[i] : nullptr;
-  };
-  if (const Json* message = text(3)) {
-    mapped->notes.push_back("message: " + message->get<std::string>());
+void MapUdm(const CollectorConfig& collector,
+            const qvedrmr_MetricResult* result, Mapped* mapped) {
+  if (const auto message = FirstRowText(result, 3)) {
+    mapped->notes.push_back("message: " + std::string(*message));
   }
-  const Json* value = text(1) != nullptr ? text(1) : text(2);
-  if (value == nullptr || !collector.udm_value) {
-    mapped->failure = "no_value";
+  auto value = FirstRowText(result, 1);
+  if (!value) value = FirstRowText(result, 2);
+  if (!value || !collector.udm_value) {
+    mapped->failure = Failure::kNoValue;
     mapped->notes.push_back("no value");
     return;
   }
@@ -159,34 +146,34 @@ void MapUdm(const CollectorConfig& collector, const Json& result,
   as_row.labels.clear();
   if (metric.type == MetricType::kInfo) as_row.labels = {{metric.name, 0}};
   mapped->families = EmptyFamilies({as_row});
-  const std::string error =
-      MapRow({as_row}, {value->get<std::string>()}, &mapped->families);
+  const std::string error = MapRow({as_row}, {*value}, &mapped->families);
   if (error.empty()) return;
   mapped->families.clear();
-  mapped->failure = "parse";
+  mapped->failure = Failure::kParse;
   mapped->notes.push_back("value dropped: " + error);
 }
 
 }  // namespace
 
 Mapped MapEvaluation(const CollectorConfig& collector,
-                     const Evaluation& evaluation) {
+                     const agent::Outcome& outcome) {
   Mapped mapped;
-  mapped.failure = FailureKind(evaluation);
-  if (!mapped.failure.empty()) {
-    mapped.notes.push_back(FailureNote(evaluation));
+  mapped.failure = FailureOf(outcome);
+  if (mapped.failure) {
+    mapped.notes.push_back(FailureNote(outcome));
     return mapped;
   }
+  const qvedrmr_MetricResult* result = outcome.result.get();
   switch (collector.kind) {
     case CollectorKind::kOs:
-      MapOs(collector, evaluation.result, &mapped);
+      MapOs(collector, result, &mapped);
       break;
     case CollectorKind::kOsLine:
     case CollectorKind::kOsLineToken:
-      MapTable(collector, evaluation.result, &mapped);
+      MapTable(collector, result, &mapped);
       break;
     case CollectorKind::kUdm:
-      MapUdm(collector, evaluation.result, &mapped);
+      MapUdm(collector, result, &mapped);
       break;
   }
   return mapped;

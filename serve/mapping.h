@@ -1,35 +1,35 @@
 // Results to samples: table rows through the collector's metric list, os
 // output through its regular expression, a udm value through its value
 // definition. Rows that do not parse are dropped and counted, never fatal.
+// The host's rows are read where they lie, through its borrowed views.
 #ifndef FETCHLET_SERVE_MAPPING_H_
 #define FETCHLET_SERVE_MAPPING_H_
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "agent/evaluate.h"
 #include "serve/config.h"
-#include "serve/evaluate.h"
+#include "serve/failure.h"
 #include "serve/model.h"
 
 namespace fetchlet::serve {
 
-// Failure kinds of fetchlet_collector_failures_total, by the label value.
-// "timeout", "run", "invalid_request", "process_limit", "no_result",
-// "no_value", "parse".
 struct Mapped {
   Families families;
-  int dropped_rows = 0;            // counted as kind "parse"
-  std::string failure;             // "" when the evaluation succeeded
+  int dropped_rows = 0;            // counted as Failure::kParse
+  std::optional<Failure> failure;  // nullopt when the evaluation succeeded
   std::vector<std::string> notes;  // one line per dropped row or failure
 };
 
 // The samples of one evaluation. A failed evaluation maps to no sample and
-// its failure kind. A table keeps the rows that parse: its dropped rows
-// count as "parse" failures and leave failure empty. An os output or a udm
-// value that does not parse is the whole evaluation: failure is "parse" and
+// its failure. A table keeps the rows that parse: its dropped rows count as
+// kParse failures and leave failure empty. An os output or a udm value that
+// does not parse is the whole evaluation: failure is kParse and
 // dropped_rows stays 0, so that each failure counts once.
 Mapped MapEvaluation(const CollectorConfig& collector,
-                     const Evaluation& evaluation);
+                     const agent::Outcome& outcome);
 
 }  // namespace fetchlet::serve
 

@@ -15,7 +15,7 @@ std::string_view Trim(std::string_view text) {
   return text;
 }
 
-std::optional<std::string> Cell(const Cells& cells, int column) {
+std::optional<std::string_view> Cell(const Cells& cells, int column) {
   if (column < 0 || static_cast<size_t>(column) >= cells.size()) {
     return std::nullopt;
   }
@@ -36,7 +36,7 @@ std::optional<Labels> RowLabels(const MetricDefinition& metric, const Cells& cel
       *error = Missing(column) + " for label " + name;
       return std::nullopt;
     }
-    labels.emplace_back(name, *cell);
+    labels.emplace_back(name, std::string(*cell));
   }
   return labels;
 }
@@ -78,7 +78,7 @@ std::optional<std::vector<Sample>> RowSamples(const MetricDefinition& metric,
 }  // namespace
 
 std::optional<double> CellValue(const ValueSpec& value,
-                                const std::string& cell, std::string* error) {
+                                std::string_view cell, std::string* error) {
   std::string_view text = Trim(cell);
   if (!value.trim_suffix.empty() && text.ends_with(value.trim_suffix)) {
     text.remove_suffix(value.trim_suffix.size());
@@ -90,11 +90,16 @@ std::optional<double> CellValue(const ValueSpec& value,
     *error = "'" + std::string(text) + "' is not in the map";
     return std::nullopt;
   }
+  // from_chars takes no plus sign, which sensors print ("+45.0").
+  std::string_view digits = text;
+  if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-') {
+    digits.remove_prefix(1);
+  }
   double number = 0;
   const auto [end, failed] =
-      std::from_chars(text.data(), text.data() + text.size(), number);
-  if (failed != std::errc() || end != text.data() + text.size() ||
-      text.empty()) {
+      std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (failed != std::errc() || end != digits.data() + digits.size() ||
+      digits.empty()) {
     *error = "'" + std::string(text) + "' is not a number";
     return std::nullopt;
   }

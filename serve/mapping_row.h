@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "serve/config.h"
@@ -11,13 +12,13 @@
 
 namespace fetchlet::serve {
 
-// A row's cells; nullopt where the result has no text (a null cell, an
-// unmatched group, a nested table).
-using Cells = std::vector<std::optional<std::string>>;
+// A row's cells, borrowed from the result or the matched text; nullopt
+// where there is no text (a null cell, an unmatched group, a nested table).
+using Cells = std::vector<std::optional<std::string_view>>;
 
 // The number a cell stands for under value, or "" in *error saying why not.
 std::optional<double> CellValue(const ValueSpec& value,
-                                const std::string& cell, std::string* error);
+                                std::string_view cell, std::string* error);
 
 // Adds the row's samples to families (one per metric, in order), or adds
 // nothing and returns why the row does not parse.

@@ -13,10 +13,6 @@
 namespace fetchlet::serve {
 namespace {
 
-#ifndef FETCHLET_VERSION
-#define FETCHLET_VERSION "0.1.0"
-#endif
-
 Family Gauge(std::string name, std::string help, std::string unit = "") {
   return {std::move(name), MetricType::kGauge, std::move(unit),
           std::move(help), {}};
@@ -133,13 +129,17 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
     const std::string& name = collector->config().name;
     const auto snapshot = collector->snapshot();
     const Labels labels = {{"collector", name}};
-    up.samples.push_back({labels, snapshot->up ? 1.0 : 0.0});
+    // Not run yet is neither up nor down: after a restart with jitter an
+    // alert on up == 0 would fire for every collector still waiting.
+    if (snapshot->generation > 0) {
+      up.samples.push_back({labels, snapshot->up ? 1.0 : 0.0});
+    }
     duration.samples.push_back({labels, snapshot->duration_seconds});
     success.samples.push_back({labels, snapshot->last_success_unix});
-    for (size_t i = 0; i < kFailureKinds.size(); ++i) {
+    for (const Failure failure : AllFailures()) {
       failures.samples.push_back(
-          {{{"collector", name}, {"kind", kFailureKinds[i]}},
-           static_cast<double>(collector->failures(i))});
+          {{{"collector", name}, {"kind", FailureName(failure)}},
+           static_cast<double>(collector->failures(failure))});
     }
     skipped.samples.push_back(
         {labels, static_cast<double>(collector->skipped())});

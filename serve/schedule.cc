@@ -39,8 +39,7 @@ struct Scheduler::Entry {
   SteadyTime ready_key{};
   uint64_t evaluation = 0;
   std::string request_id;
-  SteadyTime deadline{};
-  bool ended = false;
+  bool ended = false;  // by a reload or the stop
 
   const CollectorConfig& config() const { return collector->config(); }
 };
@@ -143,21 +142,8 @@ void Scheduler::EndRun(Entry& entry, std::unique_lock<std::mutex>& lock) {
   const std::string request_id = entry.request_id;
   const uint64_t evaluation = entry.evaluation;
   lock.unlock();
-  qvehost::AbortRequest(request_id);
-  qvehost::EndEvaluation(evaluation);
+  agent::End(evaluation, request_id);
   lock.lock();
-}
-
-void Scheduler::EndExpired(SteadyTime now,
-                           std::unique_lock<std::mutex>& lock) {
-  std::vector<std::shared_ptr<Entry>> expired;
-  for (auto& [key, entry] : entries_) {
-    if (entry->state == State::kRunning && !entry->ended &&
-        entry->deadline <= now) {
-      expired.push_back(entry);
-    }
-  }
-  for (const auto& entry : expired) EndRun(*entry, lock);
 }
 
 void Scheduler::TimerLoop() {
@@ -165,13 +151,9 @@ void Scheduler::TimerLoop() {
   while (!stopping_) {
     const SteadyTime now = steady_clock::now();
     DispatchDue(now);
-    EndExpired(now, lock);
     SteadyTime wake = now + std::chrono::hours(1);
     for (const auto& [key, entry] : entries_) {
       if (entry->config().interval) wake = std::min(wake, entry->next_due);
-      if (entry->state == State::kRunning && !entry->ended) {
-        wake = std::min(wake, entry->deadline);
-      }
     }
     if (!stopping_) timer_wake_.wait_until(lock, wake);
   }
@@ -182,15 +164,14 @@ void Scheduler::Run(Entry& entry, std::unique_lock<std::mutex>& lock) {
   entry.ended = false;
   entry.evaluation = ++next_evaluation_;
   entry.request_id = "fetchlet-serve-" + std::to_string(entry.evaluation);
-  entry.deadline = steady_clock::now() + entry.config().timeout;
-  timer_wake_.notify_one();
-  const std::string request_id = entry.request_id;
-  const uint64_t evaluation = entry.evaluation;
+  const agent::Call call{entry.evaluation, entry.request_id,
+                         steady_clock::now() + entry.config().timeout,
+                         std::nullopt};
   lock.unlock();
-  Evaluation outcome = Evaluate(entry.collector->entry_points(),
-                                entry.config(), evaluation, request_id);
+  agent::Outcome outcome = entry.collector->Evaluate(call);
   lock.lock();
-  outcome.timed_out = entry.ended;
+  // Ended by a reload or the stop counts as timed out as well.
+  outcome.timed_out = outcome.timed_out || entry.ended;
   lock.unlock();
   entry.collector->Publish(outcome);
   lock.lock();

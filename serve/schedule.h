@@ -1,8 +1,9 @@
 // Runs collectors on a fixed set of workers. A collector never runs twice
 // at once: a run that falls due while the last is still waiting or running
-// is skipped and counted. Deadlines are the scheduler's: at a run's
-// deadline it aborts the request and has the host end the evaluation's
-// commands, and the run counts as timed out whatever it then reports.
+// is skipped and counted. Each run carries its collector's timeout as its
+// deadline (agent::Evaluate ends it there); a reload that removes a running
+// collector, or the stop, ends its run the same way. Either counts as timed
+// out whatever the run then reports.
 #ifndef FETCHLET_SERVE_SCHEDULE_H_
 #define FETCHLET_SERVE_SCHEDULE_H_
 
@@ -50,7 +51,6 @@ class Scheduler {
   void TimerLoop();
   void WorkerLoop();
   void DispatchDue(SteadyTime now);
-  void EndExpired(SteadyTime now, std::unique_lock<std::mutex>& lock);
   void EndRun(Entry& entry, std::unique_lock<std::mutex>& lock);
   void MakeReady(Entry& entry, SteadyTime key);
   Entry* TakeReady();

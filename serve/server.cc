@@ -24,8 +24,7 @@ std::optional<Config> Server::Load() {
   std::vector<ConfigProblem> warnings;
   std::optional<Config> config = LoadConfig(config_path_, &problems, &warnings);
   for (const ConfigProblem& warning : warnings) {
-    spdlog::warn("{}:{}:{}: warning: {}", warning.where.file,
-                 warning.where.line, warning.where.column, warning.message);
+    spdlog::warn("{}", warning.ToWarning());
   }
   for (const ConfigProblem& problem : problems) {
     spdlog::error("{}", problem.ToString());
@@ -125,6 +124,7 @@ bool Server::Listen(const std::string& listen, std::string* error) {
     *error = "bad listen address '" + listen + "'";
     return false;
   }
+  if (!web_) return false;  // Start loads it first
   http_ = MakeListener(*web_, max_connections_, error);
   if (!http_) return false;
   if (!web_config_path_.empty()) {
@@ -142,7 +142,7 @@ bool Server::Listen(const std::string& listen, std::string* error) {
 }
 
 std::string Server::Status() const {
-  const size_t count = config_->collectors.size();
+  const size_t count = config_ ? config_->collectors.size() : 0;
   return "serving " + std::to_string(count) +
          (count == 1 ? " collector on " : " collectors on ") + host_ + ":" +
          std::to_string(port_);
@@ -157,10 +157,10 @@ bool Server::ReloadWeb() {
                   web_config_path_);
     return false;
   }
-  if (web->tls != web_->tls) {
+  if (web_ && web->tls != web_->tls) {
     spdlog::warn("tls_server_config changes only on restart");
   }
-  if (web->rate_limit != web_->rate_limit) {
+  if (web_ && web->rate_limit != web_->rate_limit) {
     spdlog::warn("rate_limit changes only on restart");
   }
   auto auth = std::make_shared<const BasicAuth>(std::move(web->basic_auth_users));
@@ -179,9 +179,10 @@ bool Server::Reload() {
     last_reload_successful_ = false;
     return false;
   }
-  if (config->listen != config_->listen ||
-      config->max_concurrent != config_->max_concurrent) {
-    spdlog::warn("listen and max_concurrent change only on restart");
+  if (config_ && (config->listen != config_->listen ||
+                  config->max_concurrent != config_->max_concurrent ||
+                  config->jitter != config_->jitter)) {
+    spdlog::warn("listen, max_concurrent and jitter change only on restart");
   }
   qvehost::SetOutputLimit(config->output_limit);
   scheduler_->SetCollectors(std::move(collectors));

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "cli/plugin.h"
+#include "agent/plugin.h"
 #include "serve/config.h"
 #include "serve/schedule.h"
 #include "serve/web_config.h"
@@ -22,7 +22,7 @@ class HttpServer;
 
 // The plug-in's entry points for a kind, or nullopt when it lacks them.
 using EntryPointFinder =
-    std::function<std::optional<::fetchlet::Family>(CollectorKind)>;
+    std::function<std::optional<agent::EntryPoints>(CollectorKind)>;
 
 class Server {
  public:

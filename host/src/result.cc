@@ -1,11 +1,9 @@
-// Metric results and metric values, and their JSON form; the rows they hold
-// are in value_row.cc.
+// Metric results and metric values, and their borrowed views; the rows
+// they hold are in value_row.cc.
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "guard.h"
 #include "host_internal.h"
@@ -52,23 +50,6 @@ void DeleteNestedRows(qveuv_Vector* rows) {
     DeleteRow(static_cast<qvedrvr_ValueRow*>(qveuv_Vector_elementAt(rows, i)));
   }
   qveuv_Vector_delete(rows);
-}
-
-nlohmann::json RowToJson(const qvedrvr_ValueRow* row) {
-  if (row == nullptr) return nullptr;
-  nlohmann::json cells = nlohmann::json::array();
-  for (const qvehost::CellView& cell : qvehost::RowView(*row)) {
-    if (cell.kind == qvehost::CellView::Kind::kTable) {
-      nlohmann::json nested = nlohmann::json::array();
-      for (const qvedrvr_ValueRow* r : cell.rows) nested.push_back(RowToJson(r));
-      cells.push_back(nlohmann::json{{"rows", std::move(nested)}});
-    } else if (cell.kind == qvehost::CellView::Kind::kText) {
-      cells.push_back(std::string(cell.text));
-    } else {
-      cells.push_back(nullptr);
-    }
-  }
-  return cells;
 }
 
 }  // namespace
@@ -178,16 +159,6 @@ std::vector<CellView> RowView(const qvedrvr_ValueRow& row) {
     cells.push_back(std::move(view));
   }
   return cells;
-}
-
-nlohmann::json ResultToJson(const qvedrmr_MetricResult* result) {
-  if (result == nullptr) return nullptr;
-  nlohmann::json rows = nlohmann::json::array();
-  for (const qvedrvr_ValueRow* row : result->rows) rows.push_back(RowToJson(row));
-  const std::string* warning = ResultWarning(result);
-  return nlohmann::json{
-      {"rows", std::move(rows)},
-      {"warning", warning != nullptr ? nlohmann::json(*warning) : nullptr}};
 }
 
 }  // namespace qvehost

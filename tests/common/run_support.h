@@ -16,6 +16,7 @@
 #include <set>
 #include <thread>
 
+#include "common/result_json.h"
 #include "common/host_argv.h"
 #include "common/processes.h"
 #include "common/test_account.h"
@@ -66,7 +67,7 @@ inline Json Outcome(int32_t status, qvedrmr_MetricResult* result,
                     qveue_Exception* exception) {
   Json outcome = {{"status", status}, {"result", nullptr}};
   if (result != nullptr) {
-    outcome["result"] = qvehost::ResultToJson(result);
+    outcome["result"] = qvetest::ResultJson(result);
     qvedrmr_MetricResult_delete(result);
   }
   if (exception != nullptr) {
@@ -150,7 +151,7 @@ inline Json Evaluate(qvefet_GetMetricFn getMetric, qvefet_Context* context,
   return Evaluate(getMetric, context, NewList(props).get(), withExceptionSlot);
 }
 
-// Results as qvehost::ResultToJson gives them: a row per table row, or one
+// Results as qvetest::ResultJson gives them: a row per table row, or one
 // row whose column k holds table k; the UDM's row of ID, number value,
 // string value and message.
 inline Json Flat(const Table& table, Json warning = nullptr) {

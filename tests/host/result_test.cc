@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/result_json.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
 
@@ -64,7 +65,7 @@ TEST(ResultTest, CellsShowTheLastSettingOfEachColumn) {
     build(row);
     qvedrmr_MetricResult* result = qvedrmr_MetricResult_new();
     qvedrmr_MetricResult_addValueRow(result, row);
-    EXPECT_EQ(qvehost::ResultToJson(result)["rows"][0].dump(), json);
+    EXPECT_EQ(qvetest::ResultJson(result)["rows"][0].dump(), json);
     qvedrmr_MetricResult_delete(result);
   }
 }
@@ -98,7 +99,7 @@ TEST(ResultTest, RowsKeepTheirCellsWhateverTheRowsBefore) {
       expected.push_back(shape);
     }
   }
-  EXPECT_EQ(qvehost::ResultToJson(result)["rows"], expected);
+  EXPECT_EQ(qvetest::ResultJson(result)["rows"], expected);
   qvedrmr_MetricResult_delete(result);
 }
 

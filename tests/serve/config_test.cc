@@ -90,10 +90,12 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
         "F:10:16: column 2 of family 'w' is beyond the regex's 1 groups"}},
       {WithCollector("  - {name: d, kind: osline, interval: 1s, metrics: "
                      "[{name: v, help: h2, value: {column: 0}}]}\n"),
-       {"F:8:53: family 'v' is already defined at line 7"}},
+       {"F:8:5: a collector needs the property 'command'",
+        "F:8:53: family 'v' is already defined at line 7"}},
       {WithCollector("  - {name: c, kind: osline, interval: 1s, metrics: "
                      "[{name: w, help: h, value: {column: 0}}]}\n"),
-       {"F:8:5: collector 'c' is already defined at line 2"}},
+       {"F:8:5: a collector needs the property 'command'",
+        "F:8:5: collector 'c' is already defined at line 2"}},
       {WithCollector(
            "  - name: d\n    kind: osline\n    interval: 1s\n    metrics:\n"
            "      - {name: x_total, help: h, type: counter, value: {column: 0}}\n"
@@ -104,7 +106,8 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
            "      - {name: bar, help: h, type: info, labels: {a: 0}}\n"
            "      - {name: bar, help: h, value: {column: 0}}\n"
            "      - {name: x_created, help: h, value: {column: 0}}\n"),
-       {"F:13:9: family 'x' clashes with 'x_total' of line 12 over the name "
+       {"F:8:5: a collector needs the property 'command'",
+        "F:13:9: family 'x' clashes with 'x_total' of line 12 over the name "
         "'x'",
         "F:15:9: family 'foo_info' clashes with 'foo' of line 14 over the "
         "name 'foo_info'",
@@ -123,7 +126,8 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
            "      - {name: s, help: h, type: stateset, value: {column: 0}}\n"
            "      - {name: i_info, help: h, type: info, value: {column: 0}}\n"
            "      - {name: g, help: h, type: histogram, labels: {__a: 0}}\n"),
-       {"F:12:9: unit 'bytes' must be the suffix of 'size'",
+       {"F:8:5: a collector needs the property 'command'",
+        "F:12:9: unit 'bytes' must be the suffix of 'size'",
         "F:13:9: counter 'reads_bytes' must end in _total",
         "F:13:9: unit 'bytes' must be the suffix of 'reads_bytes' before "
         "_total",
@@ -142,16 +146,19 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
                      "    properties: {valuetype: NUMBER, KT_METRIC_TIMEOUT: 5}"
                      "\n    value: {name: n, help: h, type: stateset, "
                      "states: [a, a]}\n"),
-       {"F:11:20: password file " + group +
+       {"F:8:5: a collector needs the property 'command'",
+        "F:11:20: password file " + group +
             " must not be readable or writable by group or others "
             "(chmod 600)",
         "F:12:41: 'on' must be a number",
+        "F:13:5: a collector needs the property 'command'",
         "F:16:20: password file " + other +
             " is not owned by the user running fetchlet",
         "F:18:59: duplicate state 'a'"}},
       {WithCollector("  - {name: u, kind: udm, interval: 1s, "
                      "value: {name: u, help: h}}\n"),
-       {"F:8:5: a STRING value needs type stateset, type info or a map"}},
+       {"F:8:5: a collector needs the property 'command'",
+        "F:8:5: a STRING value needs type stateset, type info or a map"}},
       {"{\"collectors\": [{\"name\": \"j\", \"name\": \"k\"}]}\n",
        {"F:1:17: missing key 'kind'",
         "F:1:17: a collector needs exactly one of 'interval' and "

@@ -2,6 +2,7 @@
 // and the failure kinds of evaluations that gave nothing to map.
 #include <sstream>
 
+#include "common/result_json.h"
 #include "serve/collector.h"
 #include "serve/mapping.h"
 #include "serve/meta_metrics.h"
@@ -11,7 +12,7 @@ namespace qvetest {
 namespace {
 
 using fetchlet::serve::CollectorConfig;
-using fetchlet::serve::Evaluation;
+using fetchlet::agent::Outcome;
 using fetchlet::serve::Mapped;
 using fetchlet::serve::MapEvaluation;
 using Json = nlohmann::json;
@@ -24,10 +25,18 @@ CollectorConfig Collector(const std::string& body) {
   return config.collectors.empty() ? CollectorConfig{} : config.collectors[0];
 }
 
-Evaluation Result(const Json& rows) {
-  Evaluation evaluation;
-  evaluation.result = {{"rows", rows}, {"warning", nullptr}};
-  return evaluation;
+// Rows as the host holds them, for a table of cases.
+Json Rows(const Json& rows) { return rows; }
+
+// A successful outcome of rows.
+Outcome Succeeded(const Json& rows) {
+  Outcome outcome;
+  outcome.result.reset(NewResult(rows));
+  return outcome;
+}
+
+std::string FailureText(const Mapped& mapped) {
+  return mapped.failure ? fetchlet::serve::FailureName(*mapped.failure) : "";
 }
 
 // Each sample as NAME{LABEL="VALUE",...} NUMBER, in family order.
@@ -51,7 +60,7 @@ Lines Samples(const Mapped& mapped) {
 struct Case {
   std::string name;
   std::string collector;
-  Evaluation evaluation;
+  Json rows;
   Lines samples;
   int dropped_rows;
   std::string failure;
@@ -112,76 +121,77 @@ std::vector<Case> Cases() {
       "{name: used_ratio, help: h, unit: ratio, scale: 0.01}";
   return {
       {"df rows, padded with runs of spaces", kDf,
-       Result({df_header, vda, tmp}),
+       Rows({df_header, vda, tmp}),
        {"fs_size_bytes{device=\"/dev/vda\",mountpoint=\"/\"} 1.024e+06",
         "fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2.09715e+06",
         "fs_used_ratio{device=\"/dev/vda\",mountpoint=\"/\"} 0.25",
         "fs_used_ratio{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 0"},
        0, "", {}},
       {"rows that do not parse are dropped whole", kDf,
-       Result({df_header, bad, tmp, short_row}),
+       Rows({df_header, bad, tmp, short_row}),
        {"fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2.09715e+06",
         "fs_used_ratio{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 0"},
        2, "",
        {"row 2 dropped: '12abc' is not a number",
         "row 4 dropped: no column 5 for label mountpoint"}},
       {"the configured nested table through a map", kUnits,
-       Result({{Json{{"rows", {{"ignored"}}}},
+       Rows({{Json{{"rows", {{"ignored"}}}},
                 Json{{"rows", {{"active"}, {"failed"}, {"gone"}}}}}}),
        {"unit_active{} 1", "unit_active{} 0"}, 1, "",
        {"row 3 dropped: 'gone' is not in the map"}},
       {"fewer nested tables than the one configured", kUnits,
-       Result({{Json{{"rows", {{"active"}}}}}}), {}, 0, "", {}},
+       Rows({{Json{{"rows", {{"active"}}}}}}), {}, 0, "", {}},
       {"stateset and info from a table", kLinks,
-       Result({{"eth0", "up", "virtio"}, {"eth1", "sideways", "e1000"}}),
+       Rows({{"eth0", "up", "virtio"}, {"eth1", "sideways", "e1000"}}),
        {"link{dev=\"eth0\",link=\"up\"} 1", "link{dev=\"eth0\",link=\"down\"} 0",
         "driver{dev=\"eth0\",driver=\"virtio\"} 1"},
        1, "", {"row 2 dropped: 'sideways' is not a state of link"}},
       {"os output through the regex's groups", kLoad,
-       Result({{" 10:00 up, load average: 0.50, 1.25, idle\n"}}),
+       Rows({{" 10:00 up, load average: 0.50, 1.25, idle\n"}}),
        {"load1{} 0.5", "load5{word=\"idle\"} 1.25"}, 0, "", {}},
       {"an unmatched group leaves its column empty", kLoad,
-       Result({{"load average: 0.50, 1.25\n"}}), {}, 0, "parse",
+       Rows({{"load average: 0.50, 1.25\n"}}), {}, 0, "parse",
        {"output dropped: no column 4 for label word"}},
-      {"os output the regex does not match", kLoad, Result({{"no load\n"}}),
+      {"os output the regex does not match", kLoad, Rows({{"no load\n"}}),
        {}, 0, "parse", {"output does not match the regex"}},
       {"udm NUMBER: a gauge, the message a note", Udm("NUMBER", number),
-       Result({{"u", "87", nullptr, "disk usage high"}}),
+       Rows({{"u", "87", nullptr, "disk usage high"}}),
        {"used_ratio{} 0.87"}, 0, "", {"message: disk usage high"}},
       {"udm STRING as a stateset",
        Udm("STRING", "{name: svc, help: h, type: stateset, states: [active, "
                      "failed]}"),
-       Result({{"u", nullptr, "failed", "m"}}),
+       Rows({{"u", nullptr, "failed", "m"}}),
        {"svc{svc=\"active\"} 0", "svc{svc=\"failed\"} 1"}, 0, "",
        {"message: m"}},
       {"udm STRING as an info", Udm("STRING", "{name: ver, help: h, type: info}"),
-       Result({{"u", nullptr, "v1.2 \"x\"", "m"}}), {"ver{ver=\"v1.2 \"x\"\"} 1"},
+       Rows({{"u", nullptr, "v1.2 \"x\"", "m"}}), {"ver{ver=\"v1.2 \"x\"\"} 1"},
        0, "", {"message: m"}},
       {"udm STRING through a map",
        Udm("STRING", "{name: ok, help: h, map: {yes: 1, no: 0}}"),
-       Result({{"u", nullptr, "no", "m"}}), {"ok{} 0"}, 0, "", {"message: m"}},
+       Rows({{"u", nullptr, "no", "m"}}), {"ok{} 0"}, 0, "", {"message: m"}},
       {"udm row without value", Udm("NUMBER", number),
-       Result({{"u", nullptr, nullptr, "User Defined Metric u did not "
+       Rows({{"u", nullptr, nullptr, "User Defined Metric u did not "
                                        "generate any output"}}),
        {}, 0, "no_value",
        {"message: User Defined Metric u did not generate any output",
         "no value"}},
       {"udm value outside the states",
        Udm("STRING", "{name: svc, help: h, type: stateset, states: [a]}"),
-       Result({{"u", nullptr, "b", "m"}}), {}, 0, "parse",
+       Rows({{"u", nullptr, "b", "m"}}), {}, 0, "parse",
        {"message: m", "value dropped: 'b' is not a state of svc"}},
       {"udm NUMBER that is no number", Udm("NUMBER", number),
-       Result({{"u", "n/a", nullptr, "m"}}), {}, 0, "parse",
+       Rows({{"u", "n/a", nullptr, "m"}}), {}, 0, "parse",
        {"message: m", "value dropped: 'n/a' is not a number"}},
   };
 }
 
 TEST(ServeMappingTest, ResultsBecomeSamples) {
   for (const Case& c : Cases()) {
-    const Mapped mapped = MapEvaluation(Collector(c.collector), c.evaluation);
+    const Mapped mapped =
+        MapEvaluation(Collector(c.collector), Succeeded(c.rows));
     EXPECT_EQ(Samples(mapped), c.samples) << c.name;
     EXPECT_EQ(mapped.dropped_rows, c.dropped_rows) << c.name;
-    EXPECT_EQ(mapped.failure, c.failure) << c.name;
+    EXPECT_EQ(FailureText(mapped), c.failure) << c.name;
     EXPECT_EQ(mapped.notes, c.notes) << c.name;
   }
 }
@@ -211,14 +221,13 @@ TEST(ServeMappingTest, FailedEvaluationsHaveAKindAndNoSample) {
   };
   const CollectorConfig collector = Collector(kLoad);
   for (const auto& c : cases) {
-    Evaluation evaluation =
-        c.with_result ? Result({{"load average: 1, 2"}}) : Evaluation{};
-    evaluation.status = c.status;
-    evaluation.exception_kind = c.kind;
-    evaluation.exception_message = c.kind != 0 ? "m" : "";
-    evaluation.timed_out = c.timed_out;
-    const Mapped mapped = MapEvaluation(collector, evaluation);
-    EXPECT_EQ(mapped.failure, c.failure) << c.note;
+    Outcome outcome =
+        c.with_result ? Succeeded({{"load average: 1, 2"}}) : Outcome{};
+    outcome.status = c.status;
+    if (c.kind != 0) outcome.exception.reset(qveue_Exception_new_init(c.kind, "m"));
+    outcome.timed_out = c.timed_out;
+    const Mapped mapped = MapEvaluation(collector, outcome);
+    EXPECT_EQ(FailureText(mapped), c.failure) << c.note;
     EXPECT_EQ(mapped.notes, Lines{c.note});
     EXPECT_TRUE(mapped.families.empty()) << c.note;
   }
@@ -228,7 +237,8 @@ TEST(ServeMappingTest, FailedEvaluationsHaveAKindAndNoSample) {
 // whatever kind the fetchlet gave; what the commands cost adds up in the
 // collector's meta-metrics.
 TEST(ServeMappingTest, LimitsReachedCountAsResourceFailures) {
-  using fetchlet::serve::kFailureKinds;
+  using fetchlet::serve::AllFailures;
+  using fetchlet::serve::FailureName;
   const struct {
     uint64_t oom_kills;
     uint64_t forks_refused;
@@ -240,22 +250,26 @@ TEST(ServeMappingTest, LimitsReachedCountAsResourceFailures) {
                {1, 0, false, nullptr}};
   for (const auto& c : cases) {
     auto collector = std::make_shared<fetchlet::serve::Collector>(
-        Collector(kLoad), fetchlet::Family{});
-    Evaluation evaluation =
-        c.failed ? Evaluation{}
-                 : Result({{" 10:00 up, load average: 0.50, 1.25, idle\n"}});
-    evaluation.status = c.failed ? -1 : 0;
-    evaluation.exception_kind = c.failed ? 12 : 0;
-    evaluation.resources.oom_kills = c.oom_kills;
-    evaluation.resources.forks_refused = c.forks_refused;
-    evaluation.resources.user_seconds = 0.25;
-    evaluation.resources.io_write_bytes = 512;
-    collector->Publish(evaluation);
-    collector->Publish(evaluation);
-    for (size_t i = 0; i < kFailureKinds.size(); ++i) {
+        Collector(kLoad), fetchlet::agent::EntryPoints{});
+    for (int i = 0; i < 2; ++i) {
+      Outcome outcome =
+          c.failed ? Outcome{}
+                   : Succeeded({{" 10:00 up, load average: 0.50, 1.25, idle\n"}});
+      if (c.failed) {
+        outcome.status = -1;
+        outcome.exception.reset(qveue_Exception_new_init(12, "m"));
+      }
+      outcome.resources.oom_kills = c.oom_kills;
+      outcome.resources.forks_refused = c.forks_refused;
+      outcome.resources.user_seconds = 0.25;
+      outcome.resources.io_write_bytes = 512;
+      collector->Publish(outcome);
+    }
+    for (const auto failure : AllFailures()) {
       const bool counted =
-          c.kind != nullptr && kFailureKinds[i] == std::string(c.kind);
-      EXPECT_EQ(collector->failures(i), counted ? 2u : 0u) << kFailureKinds[i];
+          c.kind != nullptr && FailureName(failure) == std::string(c.kind);
+      EXPECT_EQ(collector->failures(failure), counted ? 2u : 0u)
+          << FailureName(failure);
     }
     Lines costs;
     for (const auto& family :

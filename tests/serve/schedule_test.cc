@@ -14,7 +14,7 @@ using qvetest::ProcessesWith;
 using qvetest::UniqueSleep;
 using qvetest::WaitFor;
 
-constexpr size_t kTimeout = 0;  // index of "timeout" in kFailureKinds
+constexpr Failure kTimeout = Failure::kTimeout;
 
 // One collector's YAML: an os collector reading the first number printed.
 std::string Collector(const std::string& name, const std::string& command,

@@ -4,42 +4,31 @@
 #define QVE_TESTS_SERVE_SERVE_RUNTIME_SUPPORT_H_
 
 #include <dirent.h>
-#include <dlfcn.h>
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
-#include "cli/plugin.h"
+#include "agent/plugin.h"
 #include "serve/config.h"
-#include "serve/evaluate.h"
 #include "tests/serve/serve_test_support.h"
 
 namespace qvetest {
 
-// The built plug-in, opened once, as the program opens it.
-inline std::optional<fetchlet::Family> EntryPoints(
-    fetchlet::serve::CollectorKind kind) {
-  static void* handle = [] {
+// The built plug-in's entry points, loaded once, as the program loads it.
+inline std::optional<fetchlet::agent::EntryPoints> EntryPoints(
+    fetchlet::agent::Kind kind) {
+  static const std::unique_ptr<fetchlet::agent::Plugin> plugin = [] {
     const auto bin = std::filesystem::path(QVE_FETCHLET_BIN).parent_path();
-    return dlopen((bin / "../lib/libqvefos.so").c_str(), RTLD_NOW);
+    std::string error;
+    return fetchlet::agent::Plugin::Load(bin / "../lib/libqvefos.so", &error);
   }();
-  if (handle == nullptr) return std::nullopt;
-  const std::string prefix = fetchlet::serve::EntryPointPrefix(kind);
-  fetchlet::Family family;
-  family.getFetchlet = reinterpret_cast<qvefet_GetFetchletFn>(
-      dlsym(handle, (prefix + "_getFetchlet").c_str()));
-  family.getMetric = reinterpret_cast<qvefet_GetMetricFn>(
-      dlsym(handle, (prefix + "_getMetric").c_str()));
-  family.freeFetchlet = reinterpret_cast<qvefet_FreeFetchletFn>(
-      dlsym(handle, (prefix + "_freeFetchlet").c_str()));
-  if (!family.getFetchlet || !family.getMetric || !family.freeFetchlet) {
-    return std::nullopt;
-  }
-  return family;
+  if (!plugin) return std::nullopt;
+  return plugin->Find(kind);
 }
 
 // Polls every 20 ms until done() or limit passes; done()'s last answer.

@@ -101,6 +101,9 @@ TEST_F(ServerTest, TwentyReloadsUnderScrapesFailNone) {
   const std::string b = a + Collector("b", "/bin/echo 2", "200ms");
   Write(a);
   Start();
+  // Until its first run a collector has no up sample.
+  ASSERT_TRUE(qvetest::WaitFor(
+      [&] { return Named("a")->snapshot()->generation > 0; }, 10s));
   std::atomic<bool> done{false};
   std::atomic<int> scrapes{0};
   std::atomic<int> failed{0};

@@ -1,6 +1,6 @@
 // The embedded host's own C++ API, for programs and tests: contexts and
 // property lists to call the plug-in with, settings, fault switches, log
-// capture, the allocation ledger and JSON of results.
+// capture, the allocation ledger and borrowed views of results.
 //
 // Everything here runs in the host process; none of it is part of the
 // contract in host.h, and the plug-in never calls it.
@@ -12,8 +12,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "qve/host.h"
 
@@ -153,7 +151,6 @@ struct RunResources {
 // summed (peak memory: the largest), and clears them. One evaluation's runs
 // end on its calling thread, so a caller takes them after each evaluation.
 RunResources TakeRunResources();
-nlohmann::json RunResourcesToJson(const RunResources& resources);
 // ---- Fault switches -----------------------------------------------------------
 
 // Makes the nth allocation (counting from 1, from now on) of module fail;
@@ -217,11 +214,6 @@ class LogCapture {
 };
 
 // ---- Results ------------------------------------------------------------------
-
-// {"rows":[ROW,...],"warning":W}; a row is an array of cells up to its highest
-// set column; a cell is a string, null, or {"rows":[...]}. Strings are kept
-// byte for byte; dump with nlohmann's replace error handler for output.
-nlohmann::json ResultToJson(const qvedrmr_MetricResult* result);
 
 // A borrowed view of one cell, valid while its result lives: renderers walk
 // a result through these rather than copy a large one. An unset column reads

@@ -91,6 +91,13 @@ constexpr const char* kConfig = R"(collectors:
     table: {nested_table: 1}
     metrics: [{name: nested_value, help: h, value: {column: 1},
                labels: {key: 0}}]
+  - name: signed
+    kind: oslinetoken
+    interval: 1m
+    properties: {command: "printf 'a +45.0C\nb +Inf\nc NaN\nd -Inf\n'",
+                 delimiter: " "}
+    metrics: [{name: temp_celsius, help: h, unit: celsius,
+               value: {column: 1, trim_suffix: C}, labels: {sensor: 0}}]
 )";
 
 TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
@@ -102,7 +109,7 @@ TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
   for (std::string line; std::getline(lines, line);) {
     objects.push_back(Json::parse(line));
   }
-  ASSERT_EQ(objects.size(), 5u) << outcome.out;
+  ASSERT_EQ(objects.size(), 6u) << outcome.out;
   const Json expected_samples[] = {
       Json::parse(R"([{"family":"fs_size_bytes","type":"gauge",
         "name":"fs_size_bytes","labels":{"device":"/dev/a"},"value":102400}])"),
@@ -110,8 +117,17 @@ TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
         "name":"host_load1","labels":{},"value":0.25}])"),
       Json::array(), Json::array(),
       Json::parse(R"([{"family":"nested_value","type":"gauge",
-        "name":"nested_value","labels":{"key":"b"},"value":2}])")};
-  const std::string failures[] = {"", "", "run", "timeout", ""};
+        "name":"nested_value","labels":{"key":"b"},"value":2}])"),
+      // A sign parses; JSON has no NaN or infinities, so they keep names.
+      Json::parse(R"([{"family":"temp_celsius","type":"gauge",
+        "name":"temp_celsius","labels":{"sensor":"a"},"value":45},
+        {"family":"temp_celsius","type":"gauge","name":"temp_celsius",
+        "labels":{"sensor":"b"},"value":"+Inf"},
+        {"family":"temp_celsius","type":"gauge","name":"temp_celsius",
+        "labels":{"sensor":"c"},"value":"NaN"},
+        {"family":"temp_celsius","type":"gauge","name":"temp_celsius",
+        "labels":{"sensor":"d"},"value":"-Inf"}])")};
+  const std::string failures[] = {"", "", "run", "timeout", "", ""};
   for (size_t i = 0; i < objects.size(); ++i) {
     EXPECT_EQ(objects[i]["samples"], expected_samples[i]) << objects[i];
     EXPECT_EQ(objects[i]["failure"], failures[i]) << objects[i];
@@ -141,6 +157,10 @@ TEST(ServeTestCommandTest, ExitStatuses) {
       "value: {column: 0}}]}]\n");
   const std::string broken = WriteServeFile(
       "broken.yaml", "collectors:\n  - {name: one, kind: osline}\n");
+  const std::string no_command = WriteServeFile(
+      "no_command.yaml",
+      "collectors:\n  - {name: one, kind: osline, on_scrape: {cache_for: "
+      "0s}, metrics: [{name: one, help: h, value: {column: 0}}]}\n");
   const struct {
     std::vector<std::string> args;
     int status;
@@ -159,6 +179,7 @@ TEST(ServeTestCommandTest, ExitStatuses) {
        2,
        {broken + ":2:5: a collector needs exactly one of 'interval' and "
                  "'on_scrape'",
+        broken + ":2:5: a collector needs the property 'command'",
         broken + ":2:5: an osline collector needs 'metrics'"},
        ""},
       {{"test", "--config", good, "--format", "json"}, 2, {}, ""},
@@ -168,10 +189,15 @@ TEST(ServeTestCommandTest, ExitStatuses) {
        {warned + ":1:79: warning: KT_METRIC_TIMEOUT makes the fetchlet "
                  "ignore aborts; use the collector's timeout"},
        ""},
+      {{"serve", "--check-config", no_command},
+       1,
+       {no_command + ":2:5: a collector needs the property 'command'"},
+       ""},
       {{"serve", "--check-config", broken},
        1,
        {broken + ":2:5: a collector needs exactly one of 'interval' and "
                  "'on_scrape'",
+        broken + ":2:5: a collector needs the property 'command'",
         broken + ":2:5: an osline collector needs 'metrics'"},
        ""},
   };

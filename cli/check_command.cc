@@ -1,0 +1,173 @@
+#include "check_command.h"
+
+#include <cmath>
+#include <iostream>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/evaluate.h"
+#include "interrupt.h"
+#include "render.h"
+#include "run_limits.h"
+#include "serve/collector.h"
+#include "serve/config.h"
+#include "serve/exposition.h"
+#include "serve/mapping.h"
+
+namespace fetchlet {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using serve::CollectorConfig;
+
+constexpr int kFailed = 1;
+constexpr int kUsageError = 2;
+
+const char* TypeName(serve::MetricType type) {
+  switch (type) {
+    case serve::MetricType::kCounter:
+      return "counter";
+    case serve::MetricType::kInfo:
+      return "info";
+    case serve::MetricType::kStateset:
+      return "stateset";
+    case serve::MetricType::kUnknown:
+      return "unknown";
+    case serve::MetricType::kGauge:
+      break;
+  }
+  return "gauge";
+}
+
+// JSON has no NaN or infinities: they keep their exposition names.
+Json ValueJson(double value) {
+  if (std::isnan(value)) return "NaN";
+  if (std::isinf(value)) return value > 0 ? "+Inf" : "-Inf";
+  return value;
+}
+
+Json SamplesJson(const serve::Families& families) {
+  Json samples = Json::array();
+  for (const serve::Family& family : families) {
+    const bool info = family.type == serve::MetricType::kInfo;
+    for (const serve::Sample& sample : family.samples) {
+      Json labels = Json::object();
+      for (const auto& [name, value] : sample.labels) labels[name] = value;
+      samples.push_back({{"family", family.name},
+                         {"type", TypeName(family.type)},
+                         {"name", info ? family.name + "_info" : family.name},
+                         {"labels", labels},
+                         {"value", ValueJson(sample.value)}});
+    }
+  }
+  return samples;
+}
+
+std::string Dump(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// One line; the rows are written from the result as it lies.
+void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
+                  const agent::Outcome& outcome, const serve::Mapped& mapped) {
+  Json exception = nullptr;
+  if (outcome.exception) {
+    exception = {{"kind", outcome.ExceptionKind()},
+                 {"message", std::string(outcome.ExceptionMessage())}};
+  }
+  out << "{\"collector\":" << Dump(collector.name)
+      << ",\"status\":" << outcome.status
+      << ",\"exception\":" << Dump(exception) << ",\"failure\":"
+      << Dump(mapped.failure ? serve::FailureName(*mapped.failure) : "")
+      << ",\"rows\":";
+  PrintJsonRows(out, outcome.result.get());
+  out << ",\"dropped_rows\":" << mapped.dropped_rows
+      << ",\"samples\":" << Dump(SamplesJson(mapped.families))
+      << ",\"notes\":" << Dump(mapped.notes)
+      << ",\"resources\":" << Dump(ResourcesJson(outcome.resources)) << "}\n";
+}
+
+// The configuration's collectors to evaluate; false after a message when
+// it cannot be read or names no such collector.
+bool LoadCollectors(const CheckOptions& options, serve::Config* config) {
+  auto loaded = serve::LoadConfig(options.config, std::cerr);
+  if (!loaded) return false;
+  *config = std::move(*loaded);
+  if (options.collector.empty()) return true;
+  std::erase_if(config->collectors, [&](const CollectorConfig& c) {
+    return c.name != options.collector;
+  });
+  if (config->collectors.empty()) {
+    std::cerr << "fetchlet: no collector named '" << options.collector
+              << "' in " << options.config << "\n";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+CLI::App* DefineCheck(CLI::App& app, CheckOptions& o) {
+  CLI::App* test = app.add_subcommand(
+      "test", "evaluate each configured collector once and print its samples");
+  test->add_option("--config", o.config, "the serving configuration")
+      ->required();
+  test->add_option("--collector", o.collector, "evaluate only this one");
+  test->add_option("--format", o.format, "text (0.0.4) | openmetrics")
+      ->check(CLI::IsMember({"text", "openmetrics"}));
+  test->add_flag("--json", o.json,
+                 "one JSON object per collector: status, exception, rows, "
+                 "samples, notes");
+  test->add_option("--fetchlet-lib", o.plugin_path, "the plug-in to load");
+  return test;
+}
+
+int RunCheck(const CheckOptions& options) {
+  serve::Config config;
+  if (!LoadCollectors(options, &config)) return kUsageError;
+  WatchInterrupts("");
+  // Standard error carries one line per problem, which the notes already
+  // hold; the host's own lines would only repeat them.
+  qvehost::SetLogLevel(qvehost::LogLevel::kOff);
+  qvehost::SetOutputLimit(config.output_limit);
+  const std::string path = options.plugin_path.empty()
+                               ? agent::DefaultPluginPath()
+                               : options.plugin_path;
+  std::string error;
+  std::unique_ptr<agent::Plugin> plugin = agent::Plugin::Load(path, &error);
+  if (!plugin) {
+    std::cerr << "fetchlet: cannot load " << path << ": " << error << "\n";
+    return kUsageError;
+  }
+  bool all_good = true;
+  std::vector<serve::FamiliesPtr> exposed;
+  uint64_t evaluation = 0;
+  for (const CollectorConfig& config_of : config.collectors) {
+    const auto entry_points = plugin->Find(config_of.kind);
+    if (!entry_points) {
+      std::cerr << "fetchlet: " << path << " lacks the fetchlet of "
+                << config_of.name << "\n";
+      return kUsageError;
+    }
+    const serve::Collector collector(config_of, *entry_points);
+    const agent::Outcome outcome = collector.Evaluate(
+        {++evaluation, "fetchlet-test-" + config_of.name,
+         std::chrono::steady_clock::now() + config_of.timeout});
+    serve::Mapped mapped = serve::MapEvaluation(config_of, outcome);
+    all_good = all_good && !mapped.failure && mapped.dropped_rows == 0;
+    for (const std::string& note : mapped.notes) {
+      std::cerr << config_of.name << ": " << note << "\n";
+    }
+    if (options.json) PrintOutcome(std::cout, config_of, outcome, mapped);
+    exposed.push_back(
+        std::make_shared<const serve::Families>(std::move(mapped.families)));
+  }
+  if (!options.json) {
+    std::cout << serve::RenderExposition(
+        exposed, options.format == "openmetrics" ? serve::Format::kOpenMetrics
+                                                 : serve::Format::kText);
+  }
+  return all_good ? 0 : kFailed;
+}
+
+}  // namespace fetchlet
