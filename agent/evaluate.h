@@ -29,7 +29,7 @@ struct Call {
   std::optional<SteadyTime> deadline;
   // Limits of this evaluation's commands in place of the host's defaults
   // (the caller has checked that they can hold: qvehost::RunLimitsError).
-  std::optional<qvehost::RunLimits> limits;
+  std::optional<qvehost::RunLimits> limits = std::nullopt;
 };
 
 struct Outcome {

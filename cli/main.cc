@@ -212,7 +212,7 @@ int Evaluate(const agent::EntryPoints& entry_points,
   const std::string request_id = RequestId(properties);
   WatchInterrupts(request_id);
   const agent::Outcome outcome =
-      agent::Evaluate(entry_points, list.get(), {0, request_id, std::nullopt, std::nullopt});
+      agent::Evaluate(entry_points, list.get(), {0, request_id, std::nullopt});
   if (json) {
     PrintJson(std::cout, outcome.status, outcome.result.get(),
               outcome.exception.get(), ResourcesJson(outcome.resources).dump());

@@ -165,8 +165,7 @@ void Scheduler::Run(Entry& entry, std::unique_lock<std::mutex>& lock) {
   entry.evaluation = ++next_evaluation_;
   entry.request_id = "fetchlet-serve-" + std::to_string(entry.evaluation);
   const agent::Call call{entry.evaluation, entry.request_id,
-                         steady_clock::now() + entry.config().timeout,
-                         std::nullopt};
+                         steady_clock::now() + entry.config().timeout};
   lock.unlock();
   agent::Outcome outcome = entry.collector->Evaluate(call);
   lock.lock();

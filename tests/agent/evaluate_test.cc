@@ -55,8 +55,7 @@ TEST(AgentTest, EvaluatesUnderADeadlineAndEndsTheCommands) {
   for (const auto& c : cases) {
     const Property command[] = {{"command", c.command}};
     PropertyList list = NewPropertyList(command);
-    Call call{++evaluation, "agent-test-" + std::to_string(evaluation), {},
-              {}};
+    Call call{++evaluation, "agent-test-" + std::to_string(evaluation), {}};
     if (c.within) call.deadline = std::chrono::steady_clock::now() + *c.within;
     const Outcome outcome = Evaluate(*entry_points, list.get(), call);
     EXPECT_EQ(outcome.status, c.status) << c.name;
