@@ -328,12 +328,18 @@ void Parser::Finish() {
   out_.FinishNotes();
 }
 
-// OpenMetrics text ends in "# EOF"; the 0.0.4 format has no end marker.
+// OpenMetrics text ends in a line "# EOF" (lines after it are errors); the
+// 0.0.4 format has no end marker.
 bool IsOpenMetrics(std::string_view text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
-    text.remove_suffix(1);
+  for (size_t at = text.find("# EOF"); at != std::string_view::npos;
+       at = text.find("# EOF", at + 1)) {
+    const std::string_view after = text.substr(at + 5);
+    if ((at == 0 || text[at - 1] == '\n') &&
+        (after.empty() || after.front() == '\n' || after.front() == '\r')) {
+      return true;
+    }
   }
-  return text == "# EOF" || text.ends_with("\n# EOF");
+  return false;
 }
 
 }  // namespace
