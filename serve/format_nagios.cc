@@ -1,5 +1,6 @@
 #include "serve/format_nagios.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -172,15 +173,17 @@ void PerfReader::Read(const Perf& perf) {
   std::string_view uom;
   const bool unknown = fields[0] == "U";
   const auto value = unknown ? std::optional<double>(NAN) : LeadingNumber(fields[0], &uom);
-  if (!value) return (void)Drop(perf, "invalid value '" + std::string(fields[0]) + "'");
+  const auto letter = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '%';
+  };
+  if (!value || !std::all_of(uom.begin(), uom.end(), letter)) {
+    return (void)Drop(perf, "invalid value '" + std::string(fields[0]) + "'");
+  }
   Unit unit{uom, "", 1};
   for (const Unit& known : kUnits) {
     if (known.uom == uom) unit = known;
   }
   const bool counter = uom == "c";
-  if (!counter && unit.unit.empty() && !uom.empty()) {
-    unit.unit = "";  // set below from the sanitised unit
-  }
   std::string sanitized_unit;
   if (!counter && !uom.empty() && unit.scale == 1 && unit.unit.empty()) {
     sanitized_unit = SanitizeName(uom);
