@@ -44,6 +44,7 @@ void Collector::Publish(const Evaluation& evaluation) {
   next->up = mapped.failure.empty();
   if (next->up) next->last_success_unix = UnixNow();
   if (!mapped.failure.empty()) CountFailure(mapped.failure, 1);
+  duplicates_.fetch_add(mapped.duplicates);
   if (mapped.dropped_rows > 0) {
     CountFailure("parse", static_cast<uint64_t>(mapped.dropped_rows));
   }

@@ -12,7 +12,8 @@ namespace {
 const std::vector<std::string> kCollectorKeys = {
     "name",     "kind",      "properties", "password_file",
     "password_credential",   "interval",   "on_scrape", "timeout",
-    "table",    "regex",     "metrics",    "value"};
+    "table",    "regex",     "metrics",    "value",
+    "format",   "prefix",    "labels"};
 
 const std::vector<std::pair<std::string, CollectorKind>> kKinds = {
     {"os", CollectorKind::kOs},
@@ -161,6 +162,8 @@ void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
     ReadMetrics(reader, entry.value, collector);
   } else if (key == "value") {
     collector->udm_value = ReadMetric(reader, entry.value, true);
+  } else {
+    ReadFormatKey(reader, entry, collector);
   }
 }
 
@@ -203,7 +206,9 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                          "'on_scrape'");
   }
   if (!kind) return collector;
-  CheckKindKeys(reader, node, entries, *kind);
+  if (!CheckFormatKeys(reader, node, entries, &collector)) {
+    CheckKindKeys(reader, node, entries, *kind);
+  }
   CheckColumns(reader, collector);
   CheckUdmValue(reader, node, collector);
   return collector;

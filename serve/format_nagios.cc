@@ -229,22 +229,26 @@ void PerfReader::Read(const Perf& perf) {
   if (!threshold.samples.empty()) parsed_.families.push_back(std::move(threshold));
 }
 
-// The status from the last line, and the plug-in's output before it.
+// The status from the last status line, and the plug-in's output before
+// it. What follows it is the plug-in's standard error, which the fetchlet
+// appends to the output and which is no part of the plug-in's text.
 std::optional<int> TakeStatus(std::string_view* text) {
-  std::string_view output = *text;
-  while (!output.empty() && output.back() == '\n') output.remove_suffix(1);
-  const size_t newline = output.rfind('\n');
-  const size_t start = newline == std::string_view::npos ? 0 : newline + 1;
-  std::string_view last = output.substr(start);
-  if (!last.starts_with(kExitStatusMarker)) return std::nullopt;
-  last.remove_prefix(kExitStatusMarker.size());
-  int status = 0;
-  const auto [end, error] = std::from_chars(last.data(), last.data() + last.size(), status);
-  if (error != std::errc() || end != last.data() + last.size() || status < 0) {
-    return std::nullopt;
+  const std::string_view output = *text;
+  for (size_t at = output.rfind(kExitStatusMarker); at != std::string_view::npos;
+       at = at == 0 ? std::string_view::npos : output.rfind(kExitStatusMarker, at - 1)) {
+    if (at != 0 && output[at - 1] != '\n') continue;
+    std::string_view line = output.substr(at + kExitStatusMarker.size());
+    line = line.substr(0, line.find('\n'));
+    int status = 0;
+    const auto [end, error] =
+        std::from_chars(line.data(), line.data() + line.size(), status);
+    if (error != std::errc() || end != line.data() + line.size() || status < 0) {
+      continue;
+    }
+    *text = output.substr(0, at);
+    return status;
   }
-  *text = output.substr(0, start);
-  return status;
+  return std::nullopt;
 }
 
 void AddState(const NagiosOptions& options, int status, Parsed* parsed) {

@@ -31,7 +31,8 @@ struct NagiosOptions {
   std::string prefix;  // a valid name, put before every family's name
 };
 
-// A missing status line fails the whole output as "parse"; a perfdata label
+// A missing status line fails the whole output as "parse"; text after the
+// last status line (the plug-in's standard error) is ignored; a perfdata label
 // that does not parse is dropped and counted, one given twice likewise.
 Parsed ParseNagios(std::string_view text, const NagiosOptions& options);
 

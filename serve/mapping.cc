@@ -2,6 +2,7 @@
 
 #include <re2/re2.h>
 
+#include "serve/mapping_format.h"
 #include "serve/mapping_row.h"
 
 namespace fetchlet::serve {
@@ -173,7 +174,11 @@ Mapped MapEvaluation(const CollectorConfig& collector,
   }
   switch (collector.kind) {
     case CollectorKind::kOs:
-      MapOs(collector, evaluation.result, &mapped);
+      if (collector.format.empty()) {
+        MapOs(collector, evaluation.result, &mapped);
+      } else {
+        MapFormat(collector, OsText(evaluation.result), &mapped);
+      }
       break;
     case CollectorKind::kOsLine:
     case CollectorKind::kOsLineToken:

@@ -85,6 +85,9 @@ const std::vector<Case> kCases = {
      {"p_a 1", "p_c_threshold{threshold=\"warning\",bound=\"lower\",range=\"outside\"} 0",
       "p_c_threshold{threshold=\"warning\",bound=\"upper\",range=\"outside\"} 1"},
      "CRITICAL - down", 4, 1},
+    {"stderr_after_the_status",
+     "OK | a=1\nfetchlet-exit-status 0\nwarning: x | b=2\nfetchlet-exit-status 2x\n",
+     {"p_a 1"}, "OK"},
     {"signal_is_unknown", "killed\nfetchlet-exit-status 137", {}, "killed"},
 };
 
@@ -93,8 +96,8 @@ class NagiosFormat : public testing::TestWithParam<Case> {};
 TEST_P(NagiosFormat, SamplesAndCounts) {
   const Case& c = GetParam();
   const Parsed parsed = ParseNagios(c.output, NagiosOptions{"p"});
-  const std::string last = c.output.substr(c.output.rfind(' ') + 1);
-  const int status = std::stoi(last);
+  const size_t at = c.output.find("fetchlet-exit-status ");
+  const int status = std::stoi(c.output.substr(at + 21));
   Lines expected = State(status <= 3 ? status : 3, status);
   expected.insert(expected.end(), c.samples.begin(), c.samples.end());
   EXPECT_EQ(RenderedSamples(parsed), expected);
