@@ -314,6 +314,7 @@ void Parser::Close() {
       }
     }
   }
+  if (family.help.empty()) family.help = "Read from the command's output.";
   for (std::string& name : Claims(family)) claimed_.insert(std::move(name));
   out_.families.push_back(std::move(family));
 }

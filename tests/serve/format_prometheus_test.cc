@@ -13,6 +13,10 @@ using fetchlet::serve::Parsed;
 using fetchlet::serve::PrometheusOptions;
 using Lines = std::vector<std::string>;
 
+// Help of a family that the text gives none; a macro, so that it joins
+// the literals around it.
+#define NO_HELP "Read from the command's output."
+
 struct Case {
   std::string name;
   std::string input;
@@ -29,7 +33,7 @@ const std::vector<Case> kCases = {
      "# TYPE temp_celsius gauge\ntemp_celsius 21.5\n",
      "# HELP jobs_total Jobs run.\n# TYPE jobs_total counter\n"
      "jobs_total{queue=\"a\"} 3\n"
-     "# HELP temp_celsius \n# TYPE temp_celsius gauge\ntemp_celsius 21.5\n",
+     "# HELP temp_celsius Read from the command's output.\n# TYPE temp_celsius gauge\ntemp_celsius 21.5\n",
      0, 0, {"1 timestamps dropped: a sample's time is the scrape's"}},
     {"openmetrics_types",
      "# TYPE jobs counter\n# HELP jobs Jobs \\\"run\\\".\n"
@@ -40,37 +44,37 @@ const std::vector<Case> kCases = {
      "# EOF\n",
      "# HELP jobs_total Jobs \"run\".\n# TYPE jobs_total counter\n"
      "jobs_total 3\n"
-     "# HELP build_info \n# TYPE build_info gauge\n"
+     "# HELP build_info " NO_HELP "\n# TYPE build_info gauge\n"
      "build_info{version=\"1\"} 1\n"
-     "# HELP mode \n# TYPE mode gauge\nmode{mode=\"a\"} 1\nmode{mode=\"b\"} 0\n"
-     "# HELP size_bytes \n# TYPE size_bytes gauge\nsize_bytes 7\n",
+     "# HELP mode " NO_HELP "\n# TYPE mode gauge\nmode{mode=\"a\"} 1\nmode{mode=\"b\"} 0\n"
+     "# HELP size_bytes " NO_HELP "\n# TYPE size_bytes gauge\nsize_bytes 7\n",
      0, 0, {"1 _created samples dropped"}},
     {"histogram_and_summary_whole",
      "# TYPE rt histogram\nrt_bucket{le=\"0.5\"} 1\nrt_bucket{le=\"+Inf\"} 2\n"
      "rt_sum 0.7\nrt_count 2\n"
      "# TYPE q summary\nq{quantile=\"0.9\"} 4\nq_sum 9\nq_count 3\n",
-     "# HELP rt \n# TYPE rt histogram\nrt_bucket{le=\"0.5\"} 1\n"
+     "# HELP rt " NO_HELP "\n# TYPE rt histogram\nrt_bucket{le=\"0.5\"} 1\n"
      "rt_bucket{le=\"+Inf\"} 2\nrt_sum 0.7\nrt_count 2\n"
-     "# HELP q \n# TYPE q summary\nq{quantile=\"0.9\"} 4\nq_sum 9\nq_count 3\n",
+     "# HELP q " NO_HELP "\n# TYPE q summary\nq{quantile=\"0.9\"} 4\nq_sum 9\nq_count 3\n",
      0, 0, {}},
     {"untyped", "a{x=\"1\",} 1\na{x=\"2\"} NaN\n",
-     "# HELP a \n# TYPE a untyped\na{x=\"1\"} 1\na{x=\"2\"} NaN\n", 0, 0, {}},
+     "# HELP a " NO_HELP "\n# TYPE a untyped\na{x=\"1\"} 1\na{x=\"2\"} NaN\n", 0, 0, {}},
     {"family_printed_twice", "a 1\nb 2\n# TYPE a gauge\na{x=\"1\"} 3\n",
-     "# HELP a \n# TYPE a untyped\na 1\n# HELP b \n# TYPE b untyped\nb 2\n", 0,
+     "# HELP a " NO_HELP "\n# TYPE a untyped\na 1\n# HELP b " NO_HELP "\n# TYPE b untyped\nb 2\n", 0,
      1, {"family a printed twice: family dropped"}},
     {"bad_type_line", "# TYPE a gaugy\na 1\nb 2\n",
-     "# HELP b \n# TYPE b untyped\nb 2\n", 1, 0,
+     "# HELP b " NO_HELP "\n# TYPE b untyped\nb 2\n", 1, 0,
      {"unknown type 'gaugy' of a: family dropped"}},
     {"type_of_the_other_format", "# TYPE a untyped\na 1\n# EOF\n", "", 1, 0,
      {"unknown type 'untyped' of a: family dropped"}},
     {"duplicate_series", "a{x=\"1\"} 1\na{x=\"1\"} 2\n",
-     "# HELP a \n# TYPE a untyped\na{x=\"1\"} 1\n", 0, 1,
+     "# HELP a " NO_HELP "\n# TYPE a untyped\na{x=\"1\"} 1\n", 0, 1,
      {"line 2 dropped: series a seen before"}},
     {"invalid_utf8", "a{x=\"\xC3\x28\"} 1\nb 1\n",
-     "# HELP b \n# TYPE b untyped\nb 1\n", 1, 0,
+     "# HELP b " NO_HELP "\n# TYPE b untyped\nb 1\n", 1, 0,
      {"line 1 dropped: invalid UTF-8"}},
     {"help_after_samples", "a 1\n# HELP a late\n",
-     "# HELP a \n# TYPE a untyped\na 1\n", 1, 0,
+     "# HELP a " NO_HELP "\n# TYPE a untyped\na 1\n", 1, 0,
      {"line 2 dropped: # HELP a after its samples"}},
     {"counter_without_total", "# TYPE a counter\na 1\n", "", 1, 0,
      {"line 2 dropped: sample a does not fit its type"}},
@@ -86,19 +90,19 @@ const std::vector<Case> kCases = {
       "line 7 dropped: label d given twice",
       "line 8 dropped: an exemplar outside OpenMetrics"}},
     {"bucket_without_le", "# TYPE h histogram\nh_bucket 1\nh_count 1\n",
-     "# HELP h \n# TYPE h histogram\nh_count 1\n", 1, 0,
+     "# HELP h " NO_HELP "\n# TYPE h histogram\nh_count 1\n", 1, 0,
      {"line 2 dropped: a bucket without a valid le"}},
     {"sample_names_clash", "# TYPE s summary\ns_count 1\ns_sum 1\ns_count{a=\"1\"} 2\n"
      "# EOF\n",
-     "# HELP s \n# TYPE s summary\ns_count 1\ns_sum 1\ns_count{a=\"1\"} 2\n", 0,
+     "# HELP s " NO_HELP "\n# TYPE s summary\ns_count 1\ns_sum 1\ns_count{a=\"1\"} 2\n", 0,
      0, {}},
     {"later_family_claims_a_name", "x_count 1\n# TYPE x summary\nx_sum 2\n",
-     "# HELP x_count \n# TYPE x_count untyped\nx_count 1\n", 0, 1,
+     "# HELP x_count " NO_HELP "\n# TYPE x_count untyped\nx_count 1\n", 0, 1,
      {"family x clashes with another's x_count: family dropped"}},
     {"program_names", "fetchlet_collector_up 1\nprocess_open_fds 3\n", "", 0, 2,
      {"family fetchlet_collector_up is the program's own: family dropped",
       "family process_open_fds is the program's own: family dropped"}},
-    {"after_eof", "a 1\n# EOF\nb 2\n", "# HELP a \n# TYPE a untyped\na 1\n", 1,
+    {"after_eof", "a 1\n# EOF\nb 2\n", "# HELP a " NO_HELP "\n# TYPE a untyped\na 1\n", 1,
      0, {"line 3 dropped: after # EOF"}},
 };
 
