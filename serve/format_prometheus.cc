@@ -233,9 +233,10 @@ void Parser::OnSample(SampleLine& sample) {
   if (block_) suffix = SuffixOf(*block_, sample.name);
   if (!suffix) {
     if (block_ && sample.name == block_->base) {
-      return DropLine("parse", "sample " + sample.name + " does not fit its type");
+      return DropLine("parse", "sample " + std::string(sample.name) +
+                                   " does not fit its type");
     }
-    Open(sample.name);
+    Open(std::string(sample.name));
     suffix = "";
   }
   if (!block_->drop.empty()) return;
@@ -263,7 +264,7 @@ void Parser::AddSample(SampleLine& sample, std::string_view suffix) {
     key.append(1, '\0').append(name).append(1, '\0').append(value);
   }
   if (!block.series.insert(std::move(key)).second) {
-    return DropLine("duplicate", "series " + sample.name + " seen before");
+    return DropLine("duplicate", "series " + std::string(sample.name) + " seen before");
   }
   timestamps_ += sample.timestamp ? 1 : 0;
   // A counter's _total and an info's _info are the renderer's to add.

@@ -49,14 +49,13 @@ bool EqualsNoCase(std::string_view a, std::string_view b) {
 std::string LexQuoted(std::string_view* text, std::string* value) {
   size_t i = 0;
   while (i < text->size()) {
-    const char c = (*text)[i++];
-    if (c == '"') {
+    const size_t special = text->find_first_of("\"\\", i);
+    if (special == std::string_view::npos) break;
+    value->append(text->substr(i, special - i));
+    i = special + 1;
+    if ((*text)[special] == '"') {
       text->remove_prefix(i);
       return "";
-    }
-    if (c != '\\') {
-      value->push_back(c);
-      continue;
     }
     if (i == text->size()) break;
     const char escaped = (*text)[i++];
@@ -173,6 +172,7 @@ std::string LexSample(std::string_view line, bool openmetrics,
   sample->name = TakeName(&line);
   if (sample->name.empty()) return "invalid metric name";
   if (!line.empty() && line.front() == '{') {
+    sample->labels.reserve(4);
     if (std::string error = LexLabels(&line, &sample->labels); !error.empty()) {
       return error;
     }

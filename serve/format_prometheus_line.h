@@ -12,7 +12,7 @@
 namespace fetchlet::serve {
 
 struct SampleLine {
-  std::string name;
+  std::string_view name;  // within the line
   Labels labels;
   double value = 0;
   bool timestamp = false;  // one was given (and is dropped)
