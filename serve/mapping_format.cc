@@ -1,5 +1,6 @@
 #include "serve/mapping_format.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "serve/format_nagios.h"
