@@ -33,6 +33,10 @@ const char* TypeName(serve::MetricType type) {
       return "stateset";
     case serve::MetricType::kUnknown:
       return "unknown";
+    case serve::MetricType::kHistogram:
+      return "histogram";
+    case serve::MetricType::kSummary:
+      return "summary";
     case serve::MetricType::kGauge:
       break;
   }
@@ -55,7 +59,8 @@ Json SamplesJson(const serve::Families& families) {
       for (const auto& [name, value] : sample.labels) labels[name] = value;
       samples.push_back({{"family", family.name},
                          {"type", TypeName(family.type)},
-                         {"name", info ? family.name + "_info" : family.name},
+                         {"name", (info ? family.name + "_info" : family.name) +
+                                      sample.suffix},
                          {"labels", labels},
                          {"value", ValueJson(sample.value)}});
     }

@@ -90,6 +90,7 @@ void Collector::Publish(const agent::Outcome& outcome) {
   next->up = !mapped.failure;
   if (next->up) next->last_success_unix = UnixNow();
   if (mapped.failure) CountFailure(*mapped.failure, 1);
+  duplicates_.fetch_add(mapped.duplicates);
   if (mapped.dropped_rows > 0) {
     CountFailure(Failure::kParse, static_cast<uint64_t>(mapped.dropped_rows));
   }

@@ -2,6 +2,7 @@
 
 #include <re2/re2.h>
 
+#include "serve/mapping_format.h"
 #include "serve/mapping_row.h"
 
 namespace fetchlet::serve {
@@ -166,7 +167,11 @@ Mapped MapEvaluation(const CollectorConfig& collector,
   const qvedrmr_MetricResult* result = outcome.result.get();
   switch (collector.kind) {
     case CollectorKind::kOs:
-      MapOs(collector, result, &mapped);
+      if (collector.format.empty()) {
+        MapOs(collector, result, &mapped);
+      } else {
+        MapFormat(collector, FirstRowText(result, 0).value_or(""), &mapped);
+      }
       break;
     case CollectorKind::kOsLine:
     case CollectorKind::kOsLineToken:

@@ -5,6 +5,7 @@
 #ifndef FETCHLET_SERVE_MAPPING_H_
 #define FETCHLET_SERVE_MAPPING_H_
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,7 @@ namespace fetchlet::serve {
 struct Mapped {
   Families families;
   int dropped_rows = 0;            // counted as Failure::kParse
+  uint64_t duplicates = 0;         // series a format dropped
   std::optional<Failure> failure;  // nullopt when the evaluation succeeded
   std::vector<std::string> notes;  // one line per dropped row or failure
 };
