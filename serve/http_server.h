@@ -24,7 +24,8 @@ namespace fetchlet::serve {
 
 struct ListenerLimits {
   HeadLimits head;
-  // From a connection's start, or a request's first byte, to its blank line.
+  // From a connection's start (its handshake too), or a kept-alive
+  // request's line, to its blank line.
   std::chrono::milliseconds head_deadline{10000};
   // A kept-alive connection waits this long for its next request.
   std::chrono::milliseconds idle{60000};

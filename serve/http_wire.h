@@ -39,7 +39,9 @@ struct HttpResponse {
 // What a request head may hold. A client sending more is answered with an
 // error and closed: nothing it sends can grow the server's memory further.
 struct HeadLimits {
-  std::size_t head = 16 * 1024;  // the request line and every header
+  // The request line and every header: a connection holds this much, and
+  // room for its answer's head, in memory.
+  std::size_t head = 16 * 1024;
   std::size_t headers = 64;      // header fields
 };
 
