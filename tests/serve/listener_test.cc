@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -88,16 +89,30 @@ class ListenerTest : public testing::Test {
     server_->Get("/echo", [](const HttpRequest& request, HttpResponse& r) {
       r.Set(request.target + "\n", "text/plain");
     });
+    server_->Get("/slow", [this](const HttpRequest&, HttpResponse& r) {
+      released_.wait();
+      r.Set("slow\n", "text/plain");
+    });
     ASSERT_TRUE(server_->Bind("127.0.0.1", 0, &error)) << error;
     thread_ = std::thread([this] { server_->Run(); });
   }
   void TearDown() override {
+    Release();
     if (server_) server_->Stop();
     if (thread_.joinable()) thread_.join();
+  }
+  // Lets every request to /slow be answered.
+  void Release() {
+    if (!released_.valid() || release_set_) return;
+    release_.set_value();
+    release_set_ = true;
   }
 
   std::unique_ptr<HttpServer> server_;
   std::thread thread_;
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+  bool release_set_ = false;
 };
 
 // Each head on a connection of its own; the status line answering it.
@@ -190,20 +205,44 @@ TEST_F(ListenerTest, BodiesAndHugeLinesAreRefusedUnread) {
   }
 }
 
+// On a new connection and on a kept-alive one, whose head is due from its
+// request line.
 TEST_F(ListenerTest, ADripEndsAtTheHeadDeadlineNotPerByte) {
   ListenerLimits limits;
   limits.head_deadline = 1s;
   Start(limits);
-  Raw raw(server_->port());
-  raw.Send("GET /echo HTTP/1.1\r\n");
-  const auto start = std::chrono::steady_clock::now();
-  size_t dripped = 0;
-  while (raw.Send("X") == 1 &&
-         std::chrono::steady_clock::now() - start < 30s) {
-    ++dripped;
-    std::this_thread::sleep_for(50ms);
+  for (const bool kept_alive : {false, true}) {
+    SCOPED_TRACE(kept_alive);
+    Raw raw(server_->port());
+    if (kept_alive) {
+      raw.Send("GET /echo HTTP/1.1\r\n\r\n");
+      ASSERT_TRUE(raw.ReadAll(500).ends_with("\r\n\r\n/echo\n"));
+    }
+    raw.Send("GET /echo HTTP/1.1\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    size_t dripped = 0;
+    while (raw.Send("X") == 1 &&
+           std::chrono::steady_clock::now() - start < 30s) {
+      ++dripped;
+      std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << dripped;
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << dripped;
+}
+
+// Handlers run beside the listener's thread: one waiting holds up no other
+// client.
+TEST_F(ListenerTest, ASlowAnswerHoldsUpNoOtherClient) {
+  ListenerLimits limits;
+  limits.workers = 2;
+  Start(limits);
+  Raw slow(server_->port());
+  slow.Send("GET /slow HTTP/1.1\r\nConnection: close\r\n\r\n");
+  Raw quick(server_->port());
+  quick.Send("GET /echo HTTP/1.1\r\nConnection: close\r\n\r\n");
+  EXPECT_TRUE(quick.ReadAll(5000).ends_with("\r\n\r\n/echo\n"));
+  Release();
+  EXPECT_TRUE(slow.ReadAll().ends_with("\r\n\r\nslow\n"));
 }
 
 TEST_F(ListenerTest, WrongPasswordsPastTheBurstAre429) {
