@@ -4,6 +4,7 @@
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
 #include <microhttpd.h>
+#include <spdlog/spdlog.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -92,7 +93,9 @@ class HttpServer::Daemon {
     if (server_.tls_) flags |= MHD_USE_TLS;
     daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &Access, this,
                                MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
-    // libmicrohttpd closes the socket, whether it started or not.
+    // libmicrohttpd owns the socket from here: it closes it when it stops
+    // (and on its failures to start, which the checks of MakeHttpServer
+    // leave unlikely); closed twice, it could be another thread's.
     server_.listen_fd_ = -1;
   }
 
@@ -328,7 +331,10 @@ class HttpServer::Daemon {
 void HttpServer::Run() {
   if (listen_fd_ < 0) return;
   Daemon daemon(*this);
-  if (!daemon.started()) return;
+  if (!daemon.started()) {
+    spdlog::error("cannot start the listener on port {}", port_);
+    return;
+  }
   std::unique_lock lock(mutex_);
   stopped_.wait(lock, [this] { return stopping_; });
 }
