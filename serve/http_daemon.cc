@@ -25,7 +25,7 @@ namespace {
 constexpr unsigned kEndingConnections = 16;
 // What a connection's memory holds beside its head: the answer's head and
 // the read buffer's slack.
-constexpr std::size_t kConnectionMemorySlack = 8 * 1024;
+constexpr std::size_t kConnectionMemorySlack = std::size_t{8} * 1024;
 
 // One per connection, from its start to its close.
 struct Link {
@@ -170,16 +170,15 @@ class HttpServer::Daemon {
     const MHD_ConnectionInfo* fd =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     *socket_context = new Link{self.guard_.Opened(fd->connect_fd)};
-    if (self.server_.tls_) self.SetUpSession(connection);
+    if (self.server_.tls_) self.SetUpSession(connection, *self.server_.tls_);
   }
 
   // Before the handshake: whether it asks for a certificate, and tickets
   // so that a client resumes its session.
-  void SetUpSession(MHD_Connection* connection) {
+  void SetUpSession(MHD_Connection* connection, const ServerTls& tls) {
     const MHD_ConnectionInfo* info = MHD_get_connection_info(
         connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
     auto session = static_cast<gnutls_session_t>(info->tls_session);
-    const ServerTls& tls = *server_.tls_;
     if (tls.request_cert) {
       gnutls_certificate_server_set_request(
           session, tls.require_cert ? GNUTLS_CERT_REQUIRE : GNUTLS_CERT_REQUEST);
