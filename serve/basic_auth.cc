@@ -9,11 +9,13 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -23,12 +25,16 @@
 namespace fetchlet::serve {
 namespace {
 
-// Pairs checked are remembered up to this many, then forgotten at once.
+// Pairs allowed, and pairs refused, are each remembered up to this many,
+// then forgotten at once: guesses never push out a scraper's pair.
 constexpr std::size_t kRemembered = 1024;
 
 // bcrypt is costly by design: one at a time in the whole process, so that
-// a flood of guesses takes one core, never all of them.
+// a flood of guesses takes one core, never all of them; and at most two
+// more requests wait for it, so that guesses hold no more of the workers.
 std::mutex bcrypt_mutex;
+std::atomic<int> bcrypt_callers{0};
+constexpr int kMostBcryptCallers = 3;
 
 // A key of this process only: a digest in memory tells nothing about a
 // password to whoever reads it without the key.
@@ -51,7 +57,7 @@ std::string Digest(std::string_view text) {
 }
 
 // crypt_rn's answer for password under hash; "" when it fails.
-std::string Crypt(const std::string& password, const std::string& hash) {
+std::string CryptInTurn(const std::string& password, const std::string& hash) {
   auto data = std::make_unique<crypt_data>();
   std::lock_guard lock(bcrypt_mutex);
   const char* computed = crypt_rn(password.c_str(), hash.c_str(), data.get(),
@@ -79,7 +85,19 @@ std::string DecoyHash(int cost) {
   }
   std::string password(reinterpret_cast<const char*>(random.data()), 8);
   for (char& c : password) c = static_cast<char>('a' + (c & 15));
-  return Crypt(password, salt.data());
+  return CryptInTurn(password, salt.data());
+}
+
+// CryptInTurn's answer, or nullopt at once when enough callers wait.
+std::optional<std::string> Crypt(const std::string& password,
+                                 const std::string& hash) {
+  if (bcrypt_callers.fetch_add(1) >= kMostBcryptCallers) {
+    bcrypt_callers.fetch_sub(1);
+    return std::nullopt;
+  }
+  std::string computed = CryptInTurn(password, hash);
+  bcrypt_callers.fetch_sub(1);
+  return computed;
 }
 
 // Strict base64 with padding, as browsers and Prometheus send it.
@@ -125,7 +143,8 @@ bool BasicAuth::Allows(std::string_view authorization) const {
   }
   std::optional<std::string> pair =
       DecodeBase64(authorization.substr(kScheme.size()));
-  const size_t colon = pair ? pair->find(':') : std::string::npos;
+  if (!pair) return false;
+  const size_t colon = pair->find(':');
   // crypt reads a C string: a zero byte would cut the password short.
   if (colon == std::string::npos || pair->find('\0') != std::string::npos) {
     return false;
@@ -146,20 +165,21 @@ bool BasicAuth::Verify(const std::string& user,
   std::string key = Digest(user + '\0' + password + '\0' + hash);
   {
     std::lock_guard lock(mutex_);
-    if (const auto known = checked_.find(key); known != checked_.end()) {
-      return known->second;
-    }
-    ++hashes_computed_;
+    if (allowed_.contains(key)) return true;
+    if (refused_.contains(key)) return false;
   }
-  const std::string computed = Crypt(password, hash);
-  const bool match = found != users_.end() && !computed.empty() &&
-                     hash.size() == computed.size() &&
-                     CRYPTO_memcmp(computed.data(), hash.data(),
+  const std::optional<std::string> computed = Crypt(password, hash);
+  if (!computed) return false;  // too busy to check: refused, not remembered
+  const bool match = found != users_.end() && !computed->empty() &&
+                     hash.size() == computed->size() &&
+                     CRYPTO_memcmp(computed->data(), hash.data(),
                                    hash.size()) == 0;
   std::lock_guard lock(mutex_);
+  ++hashes_computed_;
   // Passwords past bcrypt's 72 bytes all match: bound what they can fill.
-  if (checked_.size() >= kRemembered) checked_.clear();
-  checked_.emplace(std::move(key), match);
+  std::set<std::string>& remembered = match ? allowed_ : refused_;
+  if (remembered.size() >= kRemembered) remembered.clear();
+  remembered.insert(std::move(key));
   return match;
 }
 

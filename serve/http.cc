@@ -62,14 +62,16 @@ void ServeMetrics(const HttpRequest& request, HttpResponse& response,
 
 std::size_t ConnectionBudget(int evaluations) {
   rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+      limit.rlim_cur < limit.rlim_max) {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
   }
   const std::size_t reserved =
       kReservedDescriptors +
-      kDescriptorsPerEvaluation * static_cast<std::size_t>(std::max(evaluations, 1));
+      kDescriptorsPerEvaluation *
+          static_cast<std::size_t>(std::max(evaluations, 1));
   const std::size_t open = static_cast<std::size_t>(
       std::min<rlim_t>(limit.rlim_cur, kMaxConnections + reserved));
   return open > reserved + 16 ? open - reserved : 16;

@@ -307,7 +307,8 @@ class HttpServer::Daemon {
       MHD_add_response_header(response, name.c_str(), value.c_str());
     }
     if (answer.close) MHD_add_response_header(response, "Connection", "close");
-    guard_.Enter(exchange.link->guard, ConnectionGuard::Stage::kWriting);
+    guard_.Enter(exchange.link->guard, ConnectionGuard::Stage::kWriting,
+                 body->size());
     exchange.queued = true;
     const MHD_Result queued = MHD_queue_response(
         connection, static_cast<unsigned>(answer.status), response);

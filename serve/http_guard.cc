@@ -18,6 +18,7 @@ ConnectionGuard::ConnectionGuard(const ListenerLimits& limits)
       idle_(limits.idle),
       write_deadline_(limits.write_deadline),
       max_connections_(std::max<std::size_t>(limits.max_connections, 1)),
+      max_unsent_(limits.max_unsent),
       watchdog_([this] { Watch(); }) {}
 
 ConnectionGuard::~ConnectionGuard() {
@@ -40,11 +41,12 @@ ConnectionGuard::Handle ConnectionGuard::Opened(int fd) {
 
 void ConnectionGuard::Closed(Handle conn) {
   std::lock_guard lock(mutex_);
+  Hold(*conn, 0);
   if (!conn->ended) --live_;
   conns_.erase(conn);
 }
 
-void ConnectionGuard::Enter(Handle conn, Stage stage) {
+void ConnectionGuard::Enter(Handle conn, Stage stage, std::size_t unsent) {
   std::lock_guard lock(mutex_);
   const Clock::time_point now = Clock::now();
   // A kept-alive connection's next head is due by its idle deadline, and
@@ -58,6 +60,25 @@ void ConnectionGuard::Enter(Handle conn, Stage stage) {
   }
   conn->stage = stage;
   conn->since = now;
+  Hold(*conn, stage == Stage::kWriting ? unsent : 0);
+}
+
+// Counts conn's answer as held; past the bound, ends the connections that
+// have waited longest to take theirs, conn last.
+void ConnectionGuard::Hold(Conn& conn, std::size_t unsent) {
+  if (conn.ended) return;  // End took its answer off already
+  unsent_ = unsent_ - conn.unsent + unsent;
+  conn.unsent = unsent;
+  while (unsent_ > max_unsent_) {
+    Conn* oldest = &conn;
+    for (Conn& other : conns_) {
+      if (!other.ended && other.unsent > 0 && other.since < oldest->since) {
+        oldest = &other;
+      }
+    }
+    if (oldest->ended || oldest->unsent == 0) return;
+    End(*oldest);
+  }
 }
 
 // Its socket is shut down, not closed: libmicrohttpd sees the end on its
@@ -66,6 +87,8 @@ void ConnectionGuard::End(Conn& conn) {
   shutdown(conn.fd, SHUT_RDWR);
   conn.ended = true;
   --live_;
+  unsent_ -= conn.unsent;
+  conn.unsent = 0;
 }
 
 // Ends the connection waiting longest for its client, else spare itself.

@@ -90,7 +90,7 @@ HttpResponse HttpServer::Answer(const HttpRequest& request) const {
     }
     route->second(request, response);
   } catch (const std::exception&) {
-    response = ErrorResponse(503);
+    response = ErrorResponse(500);
   }
   return response;
 }

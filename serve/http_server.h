@@ -33,6 +33,9 @@ struct ListenerLimits {
   std::chrono::milliseconds write_deadline{30000};
   // Connections held open; past it the one idle longest makes room.
   std::size_t max_connections = 1024;
+  // Bytes of responses held for clients still to take them; past it the
+  // client slowest to read is dropped.
+  std::size_t max_unsent = 64u << 20;
   int workers = 8;
 };
 

@@ -53,14 +53,20 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 17>
         {"TLS_AES_128_GCM_SHA256", ""},
         {"TLS_AES_256_GCM_SHA384", ""},
         {"TLS_CHACHA20_POLY1305_SHA256", ""},
-        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA", "ECDHE-ECDSA AES-128-CBC SHA1"},
-        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA", "ECDHE-ECDSA AES-256-CBC SHA1"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA",
+         "ECDHE-ECDSA AES-128-CBC SHA1"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA",
+         "ECDHE-ECDSA AES-256-CBC SHA1"},
         {"TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA", "ECDHE-RSA AES-128-CBC SHA1"},
         {"TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA", "ECDHE-RSA AES-256-CBC SHA1"},
-        {"TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256", "ECDHE-ECDSA AES-128-GCM AEAD"},
-        {"TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256", "ECDHE-RSA AES-128-GCM AEAD"},
-        {"TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384", "ECDHE-ECDSA AES-256-GCM AEAD"},
-        {"TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384", "ECDHE-RSA AES-256-GCM AEAD"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256",
+         "ECDHE-ECDSA AES-128-GCM AEAD"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256",
+         "ECDHE-RSA AES-128-GCM AEAD"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384",
+         "ECDHE-ECDSA AES-256-GCM AEAD"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384",
+         "ECDHE-RSA AES-256-GCM AEAD"},
         {"TLS_ECDHE_ECDSA_WITH_CHACHA20_POLY1305_SHA256",
          "ECDHE-ECDSA CHACHA20-POLY1305 AEAD"},
         {"TLS_ECDHE_RSA_WITH_CHACHA20_POLY1305_SHA256",
@@ -173,9 +179,10 @@ class Loader {
                       "but client_ca_file is missing");
     }
     if (!verifies && ca.IsDefined()) {
-      reader_.Problem(ca,
-                      "client_ca_file needs a client_auth_type that verifies "
-                      "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)");
+      reader_.Problem(
+          ca,
+          "client_ca_file needs a client_auth_type that verifies "
+          "(VerifyClientCertIfGiven or RequireAndVerifyClientCert)");
     }
   }
 
@@ -230,7 +237,8 @@ class Loader {
         const std::optional<Duration> interval =
             value.IsScalar() ? ParseDuration(value.Scalar()) : std::nullopt;
         if (!interval) {
-          reader_.Problem(value, "'interval' must be a duration (0s, 500ms, 1s)");
+          reader_.Problem(value,
+                          "'interval' must be a duration (0s, 500ms, 1s)");
         }
         limit->interval = interval.value_or(Duration{0});
       } else {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,13 +81,14 @@ std::unique_ptr<HttpServer> MakeHttpServer(const WebConfig& web,
 void LimitRate(HttpServer& server, const RateLimit& limit);
 
 // Checks "Authorization: Basic ..." values against bcrypt hashes, one hash
-// at a time in the whole process, so that guessing costs one core at most.
-// Each pair checked, allowed or refused, is remembered (a bounded number)
-// by a keyed digest of user, password and hash, never the password: a
-// scraper does not pay the hash on every scrape, nor a repeated wrong guess
-// on every try. An unknown user is checked against a decoy hash of the
-// highest cost among the users, so that timing does not tell which users
-// exist. Safe to call from many threads.
+// at a time in the whole process, so that guessing costs one core at most;
+// when two more checks wait for it already, a pair not remembered is
+// refused at once. Each pair checked, allowed or refused, is remembered
+// (a bounded number of each) by a keyed digest of user, password and hash,
+// never the password: a scraper does not pay the hash on every scrape, nor
+// a repeated wrong guess on every try. An unknown user is checked against a
+// decoy hash of the highest cost among the users, so that timing does not
+// tell which users exist. Safe to call from many threads.
 class BasicAuth {
  public:
   explicit BasicAuth(std::map<std::string, std::string> users);
@@ -110,7 +112,8 @@ class BasicAuth {
   std::map<std::string, std::string> users_;
   std::string decoy_;
   mutable std::mutex mutex_;
-  mutable std::map<std::string, bool> checked_;  // keyed digest, allowed
+  mutable std::set<std::string> allowed_;  // keyed digests
+  mutable std::set<std::string> refused_;
   mutable std::size_t hashes_computed_ = 0;
 };
 

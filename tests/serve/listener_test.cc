@@ -24,8 +24,13 @@ using namespace std::chrono_literals;
 // A raw connection to the listener, for what no polite client sends.
 class Raw {
  public:
-  explicit Raw(int port) {
+  // receive_buffer > 0 keeps what the kernel takes for us small.
+  explicit Raw(int port, int receive_buffer = 0) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receive_buffer > 0) {
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer,
+                 sizeof receive_buffer);
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
@@ -38,6 +43,8 @@ class Raw {
   ~Raw() { close(fd_); }
 
   bool connected() const { return connected_; }
+  // Whether the last ReadAll ended with the peer's close.
+  bool closed() const { return closed_; }
 
   // True when the peer closed without a word within a generous bound.
   bool Closed() {
@@ -66,6 +73,7 @@ class Raw {
       pollfd p{fd_, POLLIN, 0};
       if (poll(&p, 1, quiet_ms) != 1) return out;
       const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      closed_ = n <= 0;
       if (n <= 0) return out;
       out.append(buffer, static_cast<size_t>(n));
     }
@@ -74,6 +82,7 @@ class Raw {
  private:
   int fd_ = -1;
   bool connected_ = false;
+  bool closed_ = false;
 };
 
 class ListenerTest : public testing::Test {
@@ -92,6 +101,9 @@ class ListenerTest : public testing::Test {
     server_->Get("/slow", [this](const HttpRequest&, HttpResponse& r) {
       released_.wait();
       r.Set("slow\n", "text/plain");
+    });
+    server_->Get("/big", [](const HttpRequest&, HttpResponse& r) {
+      r.Set(std::string(16 << 20, 'b'), "text/plain");
     });
     ASSERT_TRUE(server_->Bind("127.0.0.1", 0, &error)) << error;
     thread_ = std::thread([this] { server_->Run(); });
@@ -143,7 +155,8 @@ TEST_F(ListenerTest, HeadsABoundedServerMustNotReadAreRefused) {
     SCOPED_TRACE(c.head.substr(0, 60));
     Raw raw(server_->port());
     raw.Send(c.head);
-    EXPECT_EQ(raw.ReadAll(2000).substr(0, 12), std::string("HTTP/1.1 ") + c.status);
+    EXPECT_EQ(raw.ReadAll(2000).substr(0, 12),
+              std::string("HTTP/1.1 ") + c.status);
   }
 }
 
@@ -274,6 +287,57 @@ TEST_F(ListenerTest, TheConnectionIdleLongestMakesRoomAtTheCap) {
   EXPECT_TRUE(raw.ReadAll().ends_with("\r\n\r\n/echo\n"));
   EXPECT_TRUE(idle.front()->Closed());
   EXPECT_TRUE(idle.back()->connected());
+}
+
+// Fifty clients connecting at once, before the server accepts any, all
+// find room in the listen backlog rather than waiting for a retry.
+TEST(ListenerBacklogTest, FiftyConnectionsAtOnceAreAllQueued) {
+  std::string error;
+  HttpServer server;
+  ASSERT_TRUE(server.Bind("127.0.0.1", 0, &error)) << error;
+  std::vector<pollfd> clients;
+  for (int i = 0; i < 50; ++i) {
+    const int fd =
+        socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(server.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    clients.push_back({fd, POLLOUT, 0});
+  }
+  size_t connected = 0;
+  const auto give_up = std::chrono::steady_clock::now() + 20s;
+  while (connected < clients.size() &&
+         std::chrono::steady_clock::now() < give_up) {
+    std::this_thread::sleep_for(10ms);
+    poll(clients.data(), clients.size(), 0);
+    connected = 0;
+    for (const pollfd& client : clients) {
+      connected += (client.revents & POLLOUT) != 0 ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(connected, clients.size());
+  for (const pollfd& client : clients) close(client.fd);
+}
+
+// Clients that ask for large answers and never read them hold memory only
+// up to a bound: the one waiting longest is dropped, a reader is served.
+TEST_F(ListenerTest, ClientsThatDoNotTakeTheirAnswersAreDroppedPastABound) {
+  ListenerLimits limits;
+  limits.max_unsent = 40 << 20;
+  Start(limits);
+  std::vector<std::unique_ptr<Raw>> stalled;
+  for (int i = 0; i < 3; ++i) {
+    stalled.push_back(std::make_unique<Raw>(server_->port(), 4096));
+    stalled.back()->Send("GET /big HTTP/1.1\r\n\r\n");
+    std::this_thread::sleep_for(200ms);  // an order of arrival, not timing
+  }
+  Raw reader(server_->port());
+  reader.Send("GET /big HTTP/1.1\r\nConnection: close\r\n\r\n");
+  EXPECT_GT(reader.ReadAll().size(), 16u << 20);
+  EXPECT_LT(stalled.front()->ReadAll().size(), 16u << 20);
+  EXPECT_TRUE(stalled.front()->closed());
 }
 
 }  // namespace

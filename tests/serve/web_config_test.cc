@@ -292,6 +292,20 @@ TEST(BasicAuthTest, RemembersEveryPairChecked) {
   }
 }
 
+// More wrong guesses than are remembered do not push out a scraper's pair.
+TEST(BasicAuthTest, AFloodOfGuessesKeepsTheVerifiedPair) {
+  const BasicAuth auth(std::map<std::string, std::string>{{"alice", kAlice}});
+  ASSERT_TRUE(auth.Allows(Basic("alice:s3cret pass")));
+  for (int i = 0; i < 1100; ++i) {
+    auth.Allows(Basic("alice:guess" + std::to_string(i)));
+  }
+  const size_t hashes = auth.HashesComputed();
+  EXPECT_EQ(hashes, 1101u);
+  EXPECT_TRUE(auth.Allows(Basic("alice:s3cret pass")));
+  EXPECT_FALSE(auth.Allows(Basic("alice:guess1099")));
+  EXPECT_EQ(auth.HashesComputed(), hashes);
+}
+
 // Unknown users cost what the dearest known one costs.
 TEST(BasicAuthTest, TheDecoyCostsAsMuchAsTheDearestUser) {
   constexpr const char* kCost5 =
