@@ -88,7 +88,7 @@ void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
   PrintJsonRows(out, outcome.result.get());
   out << ",\"dropped_rows\":" << mapped.dropped_rows
       << ",\"samples\":" << Dump(SamplesJson(mapped.families))
-      << ",\"notes\":" << Dump(mapped.notes)
+      << ",\"notes\":" << Dump(serve::NotesWithMessage(mapped))
       << ",\"resources\":" << Dump(ResourcesJson(outcome.resources)) << "}\n";
 }
 
@@ -160,7 +160,7 @@ int RunCheck(const CheckOptions& options) {
          std::chrono::steady_clock::now() + config_of.timeout});
     serve::Mapped mapped = serve::MapEvaluation(config_of, outcome);
     all_good = all_good && !mapped.failure && mapped.dropped_rows == 0;
-    for (const std::string& note : mapped.notes) {
+    for (const std::string& note : serve::NotesWithMessage(mapped)) {
       std::cerr << config_of.name << ": " << note << "\n";
     }
     if (options.json) PrintOutcome(std::cout, config_of, outcome, mapped);

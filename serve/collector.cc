@@ -97,6 +97,10 @@ void Collector::Publish(const agent::Outcome& outcome) {
   if ((!next->up || mapped.dropped_rows > 0) && !mapped.notes.empty()) {
     next->last_error = mapped.notes.back();
   }
+  if (mapped.message) {
+    spdlog::info("collector {}: message: {}", config_.name,
+                 LogSafe(*mapped.message));
+  }
   for (const std::string& note : mapped.notes) {
     spdlog::warn("collector {}: {}", config_.name, LogSafe(note));
   }

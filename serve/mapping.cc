@@ -132,7 +132,7 @@ void MapOs(const CollectorConfig& collector,
 void MapUdm(const CollectorConfig& collector,
             const qvedrmr_MetricResult* result, Mapped* mapped) {
   if (const auto message = FirstRowText(result, 3)) {
-    mapped->notes.push_back("message: " + std::string(*message));
+    mapped->message = std::string(*message);
   }
   auto value = FirstRowText(result, 1);
   if (!value) value = FirstRowText(result, 2);
@@ -155,6 +155,13 @@ void MapUdm(const CollectorConfig& collector,
 }
 
 }  // namespace
+
+std::vector<std::string> NotesWithMessage(const Mapped& mapped) {
+  std::vector<std::string> notes;
+  if (mapped.message) notes.push_back("message: " + *mapped.message);
+  notes.insert(notes.end(), mapped.notes.begin(), mapped.notes.end());
+  return notes;
+}
 
 Mapped MapEvaluation(const CollectorConfig& collector,
                      const agent::Outcome& outcome) {

@@ -23,7 +23,13 @@ struct Mapped {
   uint64_t duplicates = 0;         // series a format dropped
   std::optional<Failure> failure;  // nullopt when the evaluation succeeded
   std::vector<std::string> notes;  // one line per dropped row or failure
+  // The command's own word, not a problem: a udm's message, a plug-in's
+  // first line.
+  std::optional<std::string> message;
 };
+
+// The message, as "message: ...", then the notes: what `fetchlet test` shows.
+std::vector<std::string> NotesWithMessage(const Mapped& mapped);
 
 // The samples of one evaluation. A failed evaluation maps to no sample and
 // its failure. A table keeps the rows that parse: its dropped rows count as

@@ -21,7 +21,7 @@ void MapFormat(const CollectorConfig& collector, std::string_view text,
   mapped->duplicates = parsed.duplicate;
   mapped->dropped_rows = static_cast<int>(
       std::min<uint64_t>(parsed.parse, std::numeric_limits<int>::max()));
-  if (!parsed.message.empty()) mapped->notes.push_back("message: " + parsed.message);
+  if (!parsed.message.empty()) mapped->message = std::move(parsed.message);
   for (std::string& note : parsed.notes) mapped->notes.push_back(std::move(note));
 }
 
