@@ -83,7 +83,7 @@ TEST(CollectorTest, LogLinesOfFailuresAndMessages) {
   const CollectorPtr udm = std::make_shared<Collector>(
       qvetest::LoadServeConfig(
           "collectors:\n  - {name: u, kind: udm, interval: 1s, properties: "
-          "{command: x}, value: {name: v, help: h}}\n")
+          "{command: x, valuetype: NUMBER}, value: {name: v, help: h}}\n")
           .collectors.at(0),
       agent::EntryPoints{});
   const struct {
