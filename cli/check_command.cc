@@ -33,6 +33,10 @@ const char* TypeName(serve::MetricType type) {
       return "stateset";
     case serve::MetricType::kUnknown:
       return "unknown";
+    case serve::MetricType::kHistogram:
+      return "histogram";
+    case serve::MetricType::kSummary:
+      return "summary";
     case serve::MetricType::kGauge:
       break;
   }
@@ -55,7 +59,8 @@ Json SamplesJson(const serve::Families& families) {
       for (const auto& [name, value] : sample.labels) labels[name] = value;
       samples.push_back({{"family", family.name},
                          {"type", TypeName(family.type)},
-                         {"name", info ? family.name + "_info" : family.name},
+                         {"name", (info ? family.name + "_info" : family.name) +
+                                      sample.suffix},
                          {"labels", labels},
                          {"value", ValueJson(sample.value)}});
     }
@@ -83,7 +88,7 @@ void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
   PrintJsonRows(out, outcome.result.get());
   out << ",\"dropped_rows\":" << mapped.dropped_rows
       << ",\"samples\":" << Dump(SamplesJson(mapped.families))
-      << ",\"notes\":" << Dump(mapped.notes)
+      << ",\"notes\":" << Dump(serve::NotesWithMessage(mapped))
       << ",\"resources\":" << Dump(ResourcesJson(outcome.resources)) << "}\n";
 }
 
@@ -155,7 +160,7 @@ int RunCheck(const CheckOptions& options) {
          std::chrono::steady_clock::now() + config_of.timeout});
     serve::Mapped mapped = serve::MapEvaluation(config_of, outcome);
     all_good = all_good && !mapped.failure && mapped.dropped_rows == 0;
-    for (const std::string& note : mapped.notes) {
+    for (const std::string& note : serve::NotesWithMessage(mapped)) {
       std::cerr << config_of.name << ": " << note << "\n";
     }
     if (options.json) PrintOutcome(std::cout, config_of, outcome, mapped);

@@ -90,11 +90,16 @@ void Collector::Publish(const agent::Outcome& outcome) {
   next->up = !mapped.failure;
   if (next->up) next->last_success_unix = UnixNow();
   if (mapped.failure) CountFailure(*mapped.failure, 1);
+  duplicates_.fetch_add(mapped.duplicates);
   if (mapped.dropped_rows > 0) {
     CountFailure(Failure::kParse, static_cast<uint64_t>(mapped.dropped_rows));
   }
   if ((!next->up || mapped.dropped_rows > 0) && !mapped.notes.empty()) {
     next->last_error = mapped.notes.back();
+  }
+  if (mapped.message) {
+    spdlog::info("collector {}: message: {}", config_.name,
+                 LogSafe(*mapped.message));
   }
   for (const std::string& note : mapped.notes) {
     spdlog::warn("collector {}: {}", config_.name, LogSafe(note));

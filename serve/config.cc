@@ -119,7 +119,8 @@ bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b) {
          a.table.nested_table == b.table.nested_table && a.regex == b.regex &&
          SameMetrics(a.metrics, b.metrics) &&
          a.udm_value.has_value() == b.udm_value.has_value() &&
-         (!a.udm_value || SameMetric(*a.udm_value, *b.udm_value));
+         (!a.udm_value || SameMetric(*a.udm_value, *b.udm_value)) &&
+         a.format == b.format && a.prefix == b.prefix && a.labels == b.labels;
 }
 
 std::optional<Config> LoadConfig(const std::string& path,

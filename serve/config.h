@@ -102,6 +102,12 @@ struct CollectorConfig {
   std::shared_ptr<const re2::RE2> compiled_regex;  // regex, compiled at load
   std::vector<MetricDefinition> metrics;    // os, osline, oslinetoken
   std::optional<MetricDefinition> udm_value;  // udm
+  // An os collector's whole output read as "prometheus" or "nagios" text
+  // instead of through regex and metrics; prefix and constant labels are
+  // the format's.
+  std::string format;
+  std::string prefix;
+  Labels labels;
   Position where;
 };
 

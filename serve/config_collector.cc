@@ -13,7 +13,8 @@ namespace {
 const std::vector<std::string> kCollectorKeys = {
     "name",     "kind",      "properties", "password_file",
     "password_credential",   "interval",   "on_scrape", "timeout",
-    "table",    "regex",     "metrics",    "value",     "limits"};
+    "table",    "regex",     "metrics",    "value",     "limits",
+    "format",   "prefix",    "labels"};
 
 
 bool IsCollectorName(const std::string& name) {
@@ -169,6 +170,8 @@ void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
     collector->udm_value = ReadMetric(reader, entry.value, true);
   } else if (key == "limits") {
     ReadLimits(reader, entry.value, &collector->limits);
+  } else {
+    ReadFormatKey(reader, entry, collector);
   }
 }
 
@@ -219,7 +222,9 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
   }
   if (!kind) return collector;
   CheckCommand(reader, node, collector);
-  CheckKindKeys(reader, node, entries, *kind);
+  if (!CheckFormatKeys(reader, node, entries, &collector)) {
+    CheckKindKeys(reader, node, entries, *kind);
+  }
   CheckColumns(reader, collector);
   CheckUdmValue(reader, node, collector);
   return collector;

@@ -21,6 +21,13 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
 void CheckKindKeys(YamlReader& reader, const YAML::Node& node,
                    const std::vector<YamlReader::Entry>& entries,
                    CollectorKind kind);
+// format, prefix and labels of a collector.
+void ReadFormatKey(YamlReader& reader, const YamlReader::Entry& entry,
+                   CollectorConfig* collector);
+// With a format: the keys it takes, instead of CheckKindKeys; false without.
+bool CheckFormatKeys(YamlReader& reader, const YAML::Node& node,
+                     const std::vector<YamlReader::Entry>& entries,
+                     CollectorConfig* collector);
 // Columns an os collector's families read exist among its regex's groups.
 void CheckColumns(YamlReader& reader, const CollectorConfig& collector);
 // A udm value's family fits the value type the fetchlet reports.

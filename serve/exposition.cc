@@ -67,6 +67,10 @@ const char* TypeName(MetricType type, Format format) {
       return open ? "stateset" : "gauge";
     case MetricType::kUnknown:
       return open ? "unknown" : "untyped";
+    case MetricType::kHistogram:
+      return "histogram";
+    case MetricType::kSummary:
+      return "summary";
     case MetricType::kGauge:
       break;
   }
@@ -127,7 +131,7 @@ size_t AppendSamples(const std::vector<const Family*>& parts,
   size_t duplicates = 0;
   for (const Family* part : parts) {
     for (const Sample& sample : part->samples) {
-      labels.clear();
+      labels.assign(sample.suffix);
       AppendLabels(sample.labels, &labels);
       if (!seen.insert(labels).second) {
         ++duplicates;

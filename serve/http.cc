@@ -1,13 +1,12 @@
-// The listener is our own (serve/http_server.h) rather than cpp-httplib's:
-// that library gives each connection a worker thread for as long as it is
-// open, so a few idle or dripping clients starve every scrape; it bounds a
-// request only per recv, and Debian's build fixes a listen backlog of 5
-// and port sharing (SO_REUSEPORT). A Debian server library with an event
-// loop (libmicrohttpd) would bound clients, but speaks TLS through GnuTLS:
-// every client-certificate policy, the cipher suites and the errors of the
-// web configuration would have to be written again. One epoll loop over
-// OpenSSL keeps the TLS set-up as it is and costs an idle client memory
-// only.
+// The listener is libmicrohttpd's (serve/http_server.h) rather than
+// cpp-httplib's: that library gives each connection a worker thread for as
+// long as it is open, so a few idle or dripping clients starve every
+// scrape; it bounds a request only per recv, and Debian's build fixes a
+// listen backlog of 5 and port sharing (SO_REUSEPORT). libmicrohttpd waits
+// on every connection from one epoll thread, so an idle client costs memory
+// only; it bounds a connection's memory, refuses a body before reading it,
+// and lets a worker answer while the connection is suspended. What it does
+// not keep, a deadline for a whole request head, serve/http_guard.h adds.
 #include "serve/http.h"
 
 #include <sys/resource.h>

@@ -3,26 +3,24 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 namespace fetchlet::serve {
 
-HttpServer::HttpServer(SSL_CTX* tls) : tls_(tls, &SSL_CTX_free) {
-  // A client gone before its answer is written must not end the process;
-  // OpenSSL writes with write(2), which cannot be asked not to raise it.
+HttpServer::HttpServer(std::optional<ServerTls> tls) : tls_(std::move(tls)) {
+  // A client gone before its answer is written must not end the process,
+  // whichever way the TLS library writes.
   signal(SIGPIPE, SIG_IGN);
-  wake_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
 HttpServer::~HttpServer() {
   if (listen_fd_ >= 0) close(listen_fd_);
-  if (wake_fd_ >= 0) close(wake_fd_);
 }
 
 void HttpServer::Get(const std::string& path, HttpHandler handler) {
@@ -47,7 +45,9 @@ bool HttpServer::Bind(const std::string& host, int port, std::string* error) {
                   0);
   const int on = 1;
   // SO_REUSEADDR lets a restart bind past old connections in TIME_WAIT; it
-  // never lets two listeners share a port (SO_REUSEPORT would).
+  // never lets two listeners share a port (SO_REUSEPORT would). The socket
+  // is ours, not libmicrohttpd's, so that this holds whatever its defaults
+  // and a client may connect from here on.
   if (fd < 0 ||
       setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
       bind(fd, found->ai_addr, found->ai_addrlen) != 0 ||
@@ -69,15 +69,11 @@ bool HttpServer::Bind(const std::string& host, int port, std::string* error) {
 }
 
 void HttpServer::Stop() {
-  stopping_ = true;
-  Wake();
-}
-
-void HttpServer::Wake() {
-  const uint64_t one = 1;
-  if (write(wake_fd_, &one, sizeof one) < 0) {
-    // Full already: the loop wakes anyway.
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
   }
+  stopped_.notify_all();
 }
 
 HttpResponse HttpServer::Answer(const HttpRequest& request) const {

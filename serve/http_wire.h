@@ -1,5 +1,5 @@
-// HTTP/1.1 as serve speaks it on the wire: request heads read under hard
-// limits, responses written as one buffer. No request may carry a body.
+// A request and its answer as serve's handlers see them; the listener
+// (serve/http_server.h) reads and writes them on the wire.
 #ifndef FETCHLET_SERVE_HTTP_WIRE_H_
 #define FETCHLET_SERVE_HTTP_WIRE_H_
 
@@ -17,7 +17,6 @@ struct HttpRequest {
   std::string method;
   std::string target;  // as sent: path and query
   HttpHeaders headers;
-  bool keep_alive = true;
 
   std::string_view path() const;
   // The first value of a header named so (any case), "" when absent.
@@ -40,26 +39,11 @@ struct HttpResponse {
 // What a request head may hold. A client sending more is answered with an
 // error and closed: nothing it sends can grow the server's memory further.
 struct HeadLimits {
-  std::size_t line = 8 * 1024;   // the request line
-  std::size_t head = 16 * 1024;  // the line and every header
+  // The request line and every header: a connection holds this much, and
+  // room for its answer's head, in memory.
+  std::size_t head = 16 * 1024;
   std::size_t headers = 64;      // header fields
 };
-
-// Either a complete head (status 0), more bytes wanted (status -1), or the
-// status that refuses the request.
-struct HeadParse {
-  int status = -1;
-  std::size_t used = 0;  // bytes of the head, its blank line included
-};
-
-// Reads one head from the start of data. A request announcing a body is
-// refused (413) and any method but GET and HEAD too (405), before a byte
-// of a body is read.
-HeadParse ParseHead(std::string_view data, const HeadLimits& limits,
-                    HttpRequest* request);
-
-// The status line, headers and (unless head_only) body, in one buffer.
-std::string Serialize(const HttpResponse& response, bool head_only);
 
 // An error answer that ends the connection.
 HttpResponse ErrorResponse(int status);

@@ -2,6 +2,7 @@
 
 #include <re2/re2.h>
 
+#include "serve/mapping_format.h"
 #include "serve/mapping_row.h"
 
 namespace fetchlet::serve {
@@ -131,7 +132,7 @@ void MapOs(const CollectorConfig& collector,
 void MapUdm(const CollectorConfig& collector,
             const qvedrmr_MetricResult* result, Mapped* mapped) {
   if (const auto message = FirstRowText(result, 3)) {
-    mapped->notes.push_back("message: " + std::string(*message));
+    mapped->message = std::string(*message);
   }
   auto value = FirstRowText(result, 1);
   if (!value) value = FirstRowText(result, 2);
@@ -155,6 +156,13 @@ void MapUdm(const CollectorConfig& collector,
 
 }  // namespace
 
+std::vector<std::string> NotesWithMessage(const Mapped& mapped) {
+  std::vector<std::string> notes;
+  if (mapped.message) notes.push_back("message: " + *mapped.message);
+  notes.insert(notes.end(), mapped.notes.begin(), mapped.notes.end());
+  return notes;
+}
+
 Mapped MapEvaluation(const CollectorConfig& collector,
                      const agent::Outcome& outcome) {
   Mapped mapped;
@@ -166,7 +174,11 @@ Mapped MapEvaluation(const CollectorConfig& collector,
   const qvedrmr_MetricResult* result = outcome.result.get();
   switch (collector.kind) {
     case CollectorKind::kOs:
-      MapOs(collector, result, &mapped);
+      if (collector.format.empty()) {
+        MapOs(collector, result, &mapped);
+      } else {
+        MapFormat(collector, FirstRowText(result, 0).value_or(""), &mapped);
+      }
       break;
     case CollectorKind::kOsLine:
     case CollectorKind::kOsLineToken:

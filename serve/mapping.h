@@ -5,6 +5,7 @@
 #ifndef FETCHLET_SERVE_MAPPING_H_
 #define FETCHLET_SERVE_MAPPING_H_
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,9 +20,16 @@ namespace fetchlet::serve {
 struct Mapped {
   Families families;
   int dropped_rows = 0;            // counted as Failure::kParse
+  uint64_t duplicates = 0;         // series a format dropped
   std::optional<Failure> failure;  // nullopt when the evaluation succeeded
   std::vector<std::string> notes;  // one line per dropped row or failure
+  // The command's own word, not a problem: a udm's message, a plug-in's
+  // first line.
+  std::optional<std::string> message;
 };
+
+// The message, as "message: ...", then the notes: what `fetchlet test` shows.
+std::vector<std::string> NotesWithMessage(const Mapped& mapped);
 
 // The samples of one evaluation. A failed evaluation maps to no sample and
 // its failure. A table keeps the rows that parse: its dropped rows count as

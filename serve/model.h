@@ -11,13 +11,23 @@
 
 namespace fetchlet::serve {
 
-enum class MetricType { kGauge, kCounter, kInfo, kStateset, kUnknown };
+enum class MetricType {
+  kGauge, kCounter, kInfo, kStateset, kUnknown, kHistogram, kSummary
+};
 
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
 struct Sample {
+  // A constructor, not an aggregate: {labels, value} stays complete.
+  Sample(Labels labels_in = {}, double value_in = 0, std::string suffix_in = {})
+      : labels(std::move(labels_in)), value(value_in),
+        suffix(std::move(suffix_in)) {}
+
   Labels labels;  // in the order the configuration names them
   double value = 0;
+  // Appended to the family's name: "_bucket", "_sum" or "_count" of a
+  // histogram or summary read from a command's text; "" elsewhere.
+  std::string suffix;
 };
 
 // One metric family. name is the configured name: a counter's ends in

@@ -41,33 +41,36 @@ constexpr std::array<std::pair<std::string_view, ClientAuth>, 5>
         {"RequireAndVerifyClientCert", ClientAuth::kRequireAndVerifyClientCert},
     }};
 
-// The exporters' (Go's) names of the TLS 1.2 suites they offer, with
-// OpenSSL's. TLS 1.3 suites are not chosen by this key there either.
+// The exporters' (Go's) names of the TLS 1.2 suites they offer, with the
+// GnuTLS names of their key exchange, cipher and MAC. TLS 1.3 suites are
+// not chosen by this key there either.
 constexpr std::array<std::pair<std::string_view, std::string_view>, 17>
     kCipherSuites = {{
-        {"TLS_RSA_WITH_AES_128_CBC_SHA", "AES128-SHA"},
-        {"TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA"},
-        {"TLS_RSA_WITH_AES_128_GCM_SHA256", "AES128-GCM-SHA256"},
-        {"TLS_RSA_WITH_AES_256_GCM_SHA384", "AES256-GCM-SHA384"},
+        {"TLS_RSA_WITH_AES_128_CBC_SHA", "RSA AES-128-CBC SHA1"},
+        {"TLS_RSA_WITH_AES_256_CBC_SHA", "RSA AES-256-CBC SHA1"},
+        {"TLS_RSA_WITH_AES_128_GCM_SHA256", "RSA AES-128-GCM AEAD"},
+        {"TLS_RSA_WITH_AES_256_GCM_SHA384", "RSA AES-256-GCM AEAD"},
         {"TLS_AES_128_GCM_SHA256", ""},
         {"TLS_AES_256_GCM_SHA384", ""},
         {"TLS_CHACHA20_POLY1305_SHA256", ""},
-        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA", "ECDHE-ECDSA-AES128-SHA"},
-        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA", "ECDHE-ECDSA-AES256-SHA"},
-        {"TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA", "ECDHE-RSA-AES128-SHA"},
-        {"TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA", "ECDHE-RSA-AES256-SHA"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA",
+         "ECDHE-ECDSA AES-128-CBC SHA1"},
+        {"TLS_ECDHE_ECDSA_WITH_AES_256_CBC_SHA",
+         "ECDHE-ECDSA AES-256-CBC SHA1"},
+        {"TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA", "ECDHE-RSA AES-128-CBC SHA1"},
+        {"TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA", "ECDHE-RSA AES-256-CBC SHA1"},
         {"TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256",
-         "ECDHE-ECDSA-AES128-GCM-SHA256"},
+         "ECDHE-ECDSA AES-128-GCM AEAD"},
         {"TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256",
-         "ECDHE-RSA-AES128-GCM-SHA256"},
+         "ECDHE-RSA AES-128-GCM AEAD"},
         {"TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384",
-         "ECDHE-ECDSA-AES256-GCM-SHA384"},
+         "ECDHE-ECDSA AES-256-GCM AEAD"},
         {"TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384",
-         "ECDHE-RSA-AES256-GCM-SHA384"},
+         "ECDHE-RSA AES-256-GCM AEAD"},
         {"TLS_ECDHE_ECDSA_WITH_CHACHA20_POLY1305_SHA256",
-         "ECDHE-ECDSA-CHACHA20-POLY1305"},
+         "ECDHE-ECDSA CHACHA20-POLY1305 AEAD"},
         {"TLS_ECDHE_RSA_WITH_CHACHA20_POLY1305_SHA256",
-         "ECDHE-RSA-CHACHA20-POLY1305"},
+         "ECDHE-RSA CHACHA20-POLY1305 AEAD"},
     }};
 
 bool Contains(const std::vector<std::string>& keys, const std::string& key) {

@@ -41,7 +41,8 @@ struct TlsServerConfig {
   std::string client_ca_file;  // "" when no client is verified
   ClientAuth client_auth = ClientAuth::kNoClientCert;
   TlsVersion min_version = TlsVersion::kTls12;
-  // OpenSSL's names of the TLS 1.2 suites allowed, in the server's order of
+  // The TLS 1.2 suites allowed, each as GnuTLS names its key exchange,
+  // cipher and MAC ("ECDHE-RSA AES-128-GCM AEAD"), in the server's order of
   // preference; empty: forward-secret AEAD suites only.
   std::vector<std::string> cipher_suites;
 
@@ -71,8 +72,8 @@ std::optional<WebConfig> LoadWebConfig(const std::string& path,
 
 // A plain server when web has no TLS, else a TLS server set up with its
 // certificate, key, client CA, verification, minimum version and cipher
-// suites; nullptr with a reason in *error when the files do not make a TLS
-// context.
+// suites; nullptr with a reason in *error when the files do not hold a
+// certificate and its key.
 std::unique_ptr<HttpServer> MakeHttpServer(const WebConfig& web,
                                            std::string* error);
 

@@ -1,10 +1,13 @@
-// The TLS side of the web configuration: an OpenSSL context as
-// tls_server_config says, for the listener.
-#include <openssl/err.h>
-#include <openssl/ssl.h>
+// The TLS side of the web configuration, as the listener's GnuTLS takes
+// it: PEM texts checked here, so that a wrong file is reported at start,
+// and one priority string for the versions and suites.
+#include <gnutls/gnutls.h>
+#include <gnutls/x509.h>
 
-#include <array>
+#include <fstream>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "serve/http_server.h"
@@ -13,102 +16,126 @@
 namespace fetchlet::serve {
 namespace {
 
-// Requests a certificate without judging it: the exporters' Request and
-// RequireAny policies take whatever the client sends.
-int AcceptAnyCertificate(int, X509_STORE_CTX*) { return 1; }
+// TLS 1.3's suites, and for TLS 1.2 forward secrecy and AEAD only.
+constexpr const char* kAeadCiphers =
+    "+AES-128-GCM:+AES-256-GCM:+CHACHA20-POLY1305";
+constexpr const char* kForwardSecretKx = "+ECDHE-ECDSA:+ECDHE-RSA";
 
-int VerifyMode(ClientAuth auth) {
-  switch (auth) {
-    case ClientAuth::kNoClientCert:
-      return SSL_VERIFY_NONE;
-    case ClientAuth::kRequestClientCert:
-    case ClientAuth::kVerifyClientCertIfGiven:
-      return SSL_VERIFY_PEER;
-    case ClientAuth::kRequireAnyClientCert:
-    case ClientAuth::kRequireAndVerifyClientCert:
-      return SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT;
-  }
-  return SSL_VERIFY_NONE;
+bool ReadFile(const std::string& path, std::string* text) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  *text = out.str();
+  return in.good() || in.eof();
 }
 
-std::string OpenSslError(const std::string& what) {
-  std::string text = what;
-  const unsigned long code = ERR_get_error();
-  if (code != 0) {
-    std::array<char, 256> buffer{};
-    ERR_error_string_n(code, buffer.data(), buffer.size());
-    text += ": ";
-    text += buffer.data();
-  }
-  ERR_clear_error();
-  return text;
+gnutls_datum_t Datum(const std::string& text) {
+  return {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())),
+          static_cast<unsigned>(text.size())};
 }
 
-// The intermediate list of the Mozilla guidelines: forward secrecy and
-// AEAD only, for TLS 1.2 (TLS 1.3 has nothing else).
-constexpr const char* kForwardSecretSuites =
-    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
-    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
-    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:"
-    "DHE-RSA-AES128-GCM-SHA256:DHE-RSA-AES256-GCM-SHA384:"
-    "DHE-RSA-CHACHA20-POLY1305";
-
-// Any bytes, the same for every connection of this server: OpenSSL refuses
-// to resume a session with a client certificate without them.
-constexpr unsigned char kSessionContext[] = "fetchlet serve";
-
-std::string SetUpSuites(const TlsServerConfig& tls, SSL_CTX* ctx) {
-  std::string suites;
-  for (const std::string& suite : tls.cipher_suites) {
-    suites += (suites.empty() ? "" : ":") + suite;
-  }
-  if (suites.empty()) suites = kForwardSecretSuites;
-  if (SSL_CTX_set_cipher_list(ctx, suites.c_str()) != 1) {
-    return OpenSslError("cannot use the cipher suites " + suites);
-  }
-  SSL_CTX_set_dh_auto(ctx, 1);
-  SSL_CTX_set_session_id_context(ctx, kSessionContext,
-                                 sizeof kSessionContext - 1);
-  return "";
+std::string Why(const std::string& what, int code) {
+  return what + ": " + gnutls_strerror(code);
 }
 
-// Sets up ctx as tls says; "" on success, else why not.
-std::string SetUpContext(const TlsServerConfig& tls, SSL_CTX* ctx) {
-  SSL_CTX_set_options(ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION |
-                               SSL_OP_CIPHER_SERVER_PREFERENCE);
-  SSL_CTX_set_mode(ctx, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-  if (std::string why = SetUpSuites(tls, ctx); !why.empty()) return why;
-  const int version =
-      tls.min_version == TlsVersion::kTls13 ? TLS1_3_VERSION : TLS1_2_VERSION;
-  if (SSL_CTX_set_min_proto_version(ctx, version) != 1) {
-    return OpenSslError("cannot set the minimum TLS version");
+// The number of certificates in pem, or a GnuTLS error.
+int CountCertificates(const std::string& pem) {
+  gnutls_x509_crt_t* list = nullptr;
+  unsigned count = 0;
+  const gnutls_datum_t data = Datum(pem);
+  const int result =
+      gnutls_x509_crt_list_import2(&list, &count, &data, GNUTLS_X509_FMT_PEM, 0);
+  if (result < 0) return result;
+  for (unsigned i = 0; i < count; ++i) gnutls_x509_crt_deinit(list[i]);
+  gnutls_free(list);
+  return count == 0 ? GNUTLS_E_NO_CERTIFICATE_FOUND : static_cast<int>(count);
+}
+
+// "" when cert and key are a pair, else why not.
+std::string CheckPair(const std::string& cert, const std::string& key) {
+  gnutls_certificate_credentials_t credentials = nullptr;
+  if (gnutls_certificate_allocate_credentials(&credentials) < 0) {
+    return "cannot allocate TLS credentials";
   }
-  if (SSL_CTX_use_certificate_chain_file(ctx, tls.cert_file.c_str()) != 1) {
-    return OpenSslError("cannot load " + tls.cert_file);
+  const gnutls_datum_t cert_data = Datum(cert);
+  const gnutls_datum_t key_data = Datum(key);
+  const int result = gnutls_certificate_set_x509_key_mem2(
+      credentials, &cert_data, &key_data, GNUTLS_X509_FMT_PEM, nullptr, 0);
+  gnutls_certificate_free_credentials(credentials);
+  return result < 0 ? gnutls_strerror(result) : "";
+}
+
+// Each named suite allows its key exchange, cipher and MAC; GnuTLS combines
+// what it is allowed, so a suite's AEAD siblings with TLS 1.3's ciphers
+// stay allowed too.
+std::string Suites(const std::vector<std::string>& suites) {
+  if (suites.empty()) {
+    return std::string(":-CIPHER-ALL:") + kAeadCiphers +
+           ":-MAC-ALL:+AEAD:-KX-ALL:" + kForwardSecretKx;
   }
-  if (SSL_CTX_use_PrivateKey_file(ctx, tls.key_file.c_str(),
-                                  SSL_FILETYPE_PEM) != 1 ||
-      SSL_CTX_check_private_key(ctx) != 1) {
-    return OpenSslError("cannot use " + tls.key_file + " with " +
-                        tls.cert_file);
-  }
-  if (!tls.client_ca_file.empty()) {
-    STACK_OF(X509_NAME)* names =
-        SSL_load_client_CA_file(tls.client_ca_file.c_str());
-    if (names == nullptr ||
-        SSL_CTX_load_verify_locations(ctx, tls.client_ca_file.c_str(),
-                                      nullptr) != 1) {
-      if (names != nullptr) sk_X509_NAME_pop_free(names, X509_NAME_free);
-      return OpenSslError("cannot load " + tls.client_ca_file);
+  std::string kx, ciphers = kAeadCiphers, macs = "+AEAD";
+  std::set<std::string> seen;
+  for (const std::string& suite : suites) {
+    std::istringstream parts(suite);
+    std::string part;
+    for (std::string* list : {&kx, &ciphers, &macs}) {
+      if (parts >> part && seen.insert(part).second) {
+        *list += (list->empty() ? "+" : ":+") + part;
+      }
     }
-    SSL_CTX_set_client_CA_list(ctx, names);  // ctx owns names now
   }
-  const bool judges =
-      tls.client_auth == ClientAuth::kVerifyClientCertIfGiven ||
-      tls.client_auth == ClientAuth::kRequireAndVerifyClientCert;
-  SSL_CTX_set_verify(ctx, VerifyMode(tls.client_auth),
-                     judges ? nullptr : AcceptAnyCertificate);
-  return "";
+  return ":-CIPHER-ALL:" + ciphers + ":-MAC-ALL:" + macs + ":-KX-ALL:" + kx;
+}
+
+std::string Priorities(const TlsServerConfig& tls) {
+  std::string versions = "-VERS-ALL:+VERS-TLS1.3";
+  if (tls.min_version == TlsVersion::kTls12) versions += ":+VERS-TLS1.2";
+  return "SECURE128:" + versions + Suites(tls.cipher_suites) +
+         ":%SERVER_PRECEDENCE";
+}
+
+// The server's TLS from the files tls names, or why not in *error.
+std::optional<ServerTls> LoadTls(const TlsServerConfig& tls,
+                                 std::string* error) {
+  ServerTls out;
+  if (!ReadFile(tls.cert_file, &out.cert_pem) ||
+      CountCertificates(out.cert_pem) < 0) {
+    *error = Why("cannot load " + tls.cert_file,
+                 CountCertificates(out.cert_pem));
+    return std::nullopt;
+  }
+  if (!ReadFile(tls.key_file, &out.key_pem)) {
+    *error = "cannot load " + tls.key_file;
+    return std::nullopt;
+  }
+  if (std::string why = CheckPair(out.cert_pem, out.key_pem); !why.empty()) {
+    *error = "cannot use " + tls.key_file + " with " + tls.cert_file + ": " + why;
+    return std::nullopt;
+  }
+  if (!tls.client_ca_file.empty() &&
+      (!ReadFile(tls.client_ca_file, &out.trust_pem) ||
+       CountCertificates(out.trust_pem) < 0)) {
+    *error = Why("cannot load " + tls.client_ca_file,
+                 CountCertificates(out.trust_pem));
+    return std::nullopt;
+  }
+  out.priorities = Priorities(tls);
+  const char* where = nullptr;
+  gnutls_priority_t priority = nullptr;
+  const int result = gnutls_priority_init(&priority, out.priorities.c_str(), &where);
+  if (result < 0) {
+    *error = Why("cannot use the TLS priorities at '" + std::string(where) + "'",
+                 result);
+    return std::nullopt;
+  }
+  gnutls_priority_deinit(priority);
+  const ClientAuth auth = tls.client_auth;
+  out.request_cert = auth != ClientAuth::kNoClientCert;
+  out.require_cert = auth == ClientAuth::kRequireAnyClientCert ||
+                     auth == ClientAuth::kRequireAndVerifyClientCert;
+  out.verify_cert = auth == ClientAuth::kVerifyClientCertIfGiven ||
+                    auth == ClientAuth::kRequireAndVerifyClientCert;
+  return out;
 }
 
 }  // namespace
@@ -116,18 +143,9 @@ std::string SetUpContext(const TlsServerConfig& tls, SSL_CTX* ctx) {
 std::unique_ptr<HttpServer> MakeHttpServer(const WebConfig& web,
                                            std::string* error) {
   if (!web.tls) return std::make_unique<HttpServer>();
-  SSL_CTX* ctx = SSL_CTX_new(TLS_server_method());
-  if (ctx == nullptr) {
-    *error = OpenSslError("cannot make a TLS context");
-    return nullptr;
-  }
-  std::string why = SetUpContext(*web.tls, ctx);
-  if (!why.empty()) {
-    SSL_CTX_free(ctx);
-    *error = why;
-    return nullptr;
-  }
-  return std::make_unique<HttpServer>(ctx);
+  std::optional<ServerTls> tls = LoadTls(*web.tls, error);
+  if (!tls) return nullptr;
+  return std::make_unique<HttpServer>(std::move(tls));
 }
 
 }  // namespace fetchlet::serve

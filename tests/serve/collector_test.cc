@@ -71,25 +71,44 @@ TEST(CollectorTest, UpOnlyOnceEvaluatedAndFailuresByKind) {
                    "collector=c kind=invalid_request 0",
                    "collector=c kind=process_limit 0",
                    "collector=c kind=no_result 0", "collector=c kind=no_value 0",
-                   "collector=c kind=parse 2"}));
+                   "collector=c kind=parse 2",
+                   "collector=c kind=resource 0"}));
   EXPECT_EQ(Meta(collector, "fetchlet_build"),
             Lines{"version=" QVE_PROJECT_VERSION " 1"});
 }
 
-TEST(CollectorTest, ACommandsTextCannotBeginALogLineOfItsOwn) {
-  std::ostringstream log;
-  auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
-  sink->set_pattern("[%l] %v");
-  auto logger = std::make_shared<spdlog::logger>("test", sink);
-  const auto saved = spdlog::default_logger();
-  spdlog::set_default_logger(logger);
-  const CollectorPtr collector = Load();
-  collector->Publish(
-      Failed("boom\n[error] forged line\r\x1b[2Jback\\slash\tend"));
-  spdlog::set_default_logger(saved);
-  EXPECT_EQ(log.str(),
-            "[warning] collector c: failed (kind 12): boom\\n[error] forged "
-            "line\\r\\x1b[2Jback\\\\slash\\tend\n");
+// A failure is a warning; a udm's message is the script's word, at info. A
+// command's text is escaped so that it cannot begin a log line of its own.
+TEST(CollectorTest, LogLinesOfFailuresAndMessages) {
+  const CollectorPtr udm = std::make_shared<Collector>(
+      qvetest::LoadServeConfig(
+          "collectors:\n  - {name: u, kind: udm, interval: 1s, properties: "
+          "{command: x, valuetype: NUMBER}, value: {name: v, help: h}}\n")
+          .collectors.at(0),
+      agent::EntryPoints{});
+  const struct {
+    CollectorPtr collector;
+    agent::Outcome outcome;
+    std::string log;
+  } cases[] = {
+      {Load(), Failed("boom\n[error] forged line\r\x1b[2Jback\\slash\tend"),
+       "[warning] collector c: failed (kind 12): boom\\n[error] forged "
+       "line\\r\\x1b[2Jback\\\\slash\\tend\n"},
+      {udm, Rows({{"u", "87", nullptr, "disk\nfull"}}),
+       "[info] collector u: message: disk\\nfull\n"},
+  };
+  for (auto& c : cases) {
+    std::ostringstream log;
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
+    sink->set_pattern("[%l] %v");
+    auto logger = std::make_shared<spdlog::logger>("test", sink);
+    logger->set_level(spdlog::level::info);
+    const auto saved = spdlog::default_logger();
+    spdlog::set_default_logger(logger);
+    c.collector->Publish(c.outcome);
+    spdlog::set_default_logger(saved);
+    EXPECT_EQ(log.str(), c.log);
+  }
 }
 
 }  // namespace

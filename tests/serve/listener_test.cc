@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -19,48 +20,6 @@ namespace fetchlet::serve {
 namespace {
 
 using namespace std::chrono_literals;
-
-TEST(ParseHeadTest, RefusesWhatABoundedServerMustNotRead) {
-  const std::string long_line = "GET /" + std::string(9000, 'a');
-  std::string many = "GET / HTTP/1.1\r\n";
-  for (int i = 0; i < 65; ++i) many += "X-" + std::to_string(i) + ": 1\r\n";
-  const struct {
-    std::string head;
-    int status;  // -1: more wanted
-    bool keep_alive;
-  } cases[] = {
-      {"GET /metrics?x=1 HTTP/1.1\r\nHost: a\r\n\r\nGET", 0, true},
-      {"GET /metrics HTTP/1.1\nConnection: close\n\n", 0, false},
-      {"HEAD / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", 0, true},
-      {"GET / HTTP/1.0\r\n\r\n", 0, false},
-      {"GET / HTTP/1.1\r\nHost: a\r\n", -1, true},
-      {long_line.substr(0, 8000), -1, true},
-      {long_line, 414, true},
-      {many + "\r\n", 431, true},
-      {"GET / HTTP/1.1\r\nX: " + std::string(17000, 'v'), 431, true},
-      {"POST / HTTP/1.1\r\n\r\n", 405, true},
-      {"POST / HTTP/1.1\r\nContent-Length: 1073741824\r\n\r\n", 413, true},
-      {"GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", 413, true},
-      {"GET / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", 0, true},
-      {"GET / HTTP/2.0\r\n\r\n", 505, true},
-      {"GET / FTP/1.0\r\n\r\n", 400, true},
-      {"GET metrics HTTP/1.1\r\n\r\n", 400, true},
-      {"GET  / HTTP/1.1\r\n\r\n", 400, true},
-      {"GET / HTTP/1.1\r\nNo colon\r\n\r\n", 400, true},
-      {"GET / HTTP/1.1\r\n folded: x\r\n\r\n", 400, true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.head.substr(0, 60));
-    HttpRequest request;
-    const HeadParse parse = ParseHead(c.head, HeadLimits{}, &request);
-    EXPECT_EQ(parse.status, c.status);
-    if (parse.status == 0) {
-      EXPECT_EQ(c.head.substr(parse.used),
-                c.head.ends_with("GET") ? "GET" : "");
-      EXPECT_EQ(request.keep_alive, c.keep_alive);
-    }
-  }
-}
 
 // A raw connection to the listener, for what no polite client sends.
 class Raw {
@@ -139,6 +98,10 @@ class ListenerTest : public testing::Test {
     server_->Get("/echo", [](const HttpRequest& request, HttpResponse& r) {
       r.Set(request.target + "\n", "text/plain");
     });
+    server_->Get("/slow", [this](const HttpRequest&, HttpResponse& r) {
+      released_.wait();
+      r.Set("slow\n", "text/plain");
+    });
     server_->Get("/big", [](const HttpRequest&, HttpResponse& r) {
       r.Set(std::string(16 << 20, 'b'), "text/plain");
     });
@@ -146,13 +109,56 @@ class ListenerTest : public testing::Test {
     thread_ = std::thread([this] { server_->Run(); });
   }
   void TearDown() override {
+    Release();
     if (server_) server_->Stop();
     if (thread_.joinable()) thread_.join();
+  }
+  // Lets every request to /slow be answered.
+  void Release() {
+    if (!released_.valid() || release_set_) return;
+    release_.set_value();
+    release_set_ = true;
   }
 
   std::unique_ptr<HttpServer> server_;
   std::thread thread_;
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+  bool release_set_ = false;
 };
+
+// Each head on a connection of its own; the status line answering it.
+TEST_F(ListenerTest, HeadsABoundedServerMustNotReadAreRefused) {
+  Start({});
+  std::string many = "GET /echo HTTP/1.1\r\n";
+  for (int i = 0; i < 65; ++i) many += "X-" + std::to_string(i) + ": 1\r\n";
+  const struct {
+    std::string head;
+    const char* status;
+  } cases[] = {
+      {"GET /echo?x=1 HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n",
+       "200"},
+      {"GET /echo HTTP/1.0\r\n\r\n", "200"},
+      {"GET /echo HTTP/1.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
+       "200"},
+      {"GET /" + std::string(30000, 'a') + " HTTP/1.1\r\n\r\n", "414"},
+      {many + "\r\n", "431"},
+      {"GET /echo HTTP/1.1\r\nX: " + std::string(40000, 'v') + "\r\n\r\n",
+       "431"},
+      {"POST /echo HTTP/1.1\r\n\r\n", "405"},
+      {"POST /echo HTTP/1.1\r\nContent-Length: 1073741824\r\n\r\n", "413"},
+      {"GET /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", "413"},
+      {"GET /echo HTTP/2.0\r\n\r\n", "505"},
+      {"GET /echo HTTP/1.1\r\nNo colon\r\n\r\n", "400"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.head.substr(0, 60));
+    Raw raw(server_->port());
+    raw.Send(c.head);
+    EXPECT_EQ(raw.ReadAll(2000).substr(0, 12),
+              std::string("HTTP/1.1 ") + c.status);
+  }
+}
 
 TEST_F(ListenerTest, PipelinedRequestsAreEachAnsweredInOrder) {
   Start({});
@@ -161,16 +167,20 @@ TEST_F(ListenerTest, PipelinedRequestsAreEachAnsweredInOrder) {
       "GET /echo?1 HTTP/1.1\r\n\r\nHEAD /echo?2 HTTP/1.1\r\n\r\n"
       "GET /none HTTP/1.1\r\n\r\nGET /echo?4 HTTP/1.1\r\nConnection: close\r\n"
       "\r\nGET /echo?5 HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(raw.ReadAll(),
-            "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
-            "Content-Length: 8\r\n\r\n/echo?1\n"
-            "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
-            "Content-Length: 8\r\n\r\n"
-            "HTTP/1.1 404 Not Found\r\n"
-            "Content-Type: text/plain; charset=utf-8\r\n"
-            "Content-Length: 10\r\n\r\nNot Found\n"
-            "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
-            "Content-Length: 8\r\nConnection: close\r\n\r\n/echo?4\n");
+  // Status lines and bodies in order; nothing after the one that closes.
+  const std::string answers = raw.ReadAll();
+  std::string seen;
+  for (size_t at = 0; (at = answers.find("HTTP/1.1 ", at)) != std::string::npos;
+       at += 9) {
+    seen += answers.substr(at + 9, 3) + " ";
+  }
+  EXPECT_EQ(seen, "200 200 404 200 ") << answers;
+  EXPECT_NE(answers.find("\r\n\r\n/echo?1\nHTTP/1.1 200"), std::string::npos);
+  EXPECT_NE(answers.find("\r\n\r\nHTTP/1.1 404"), std::string::npos)
+      << "HEAD has no body";
+  EXPECT_NE(answers.find("\r\n\r\nNot Found\nHTTP/1.1 200"), std::string::npos);
+  EXPECT_TRUE(answers.ends_with("\r\n\r\n/echo?4\n")) << answers;
+  EXPECT_NE(answers.find("Connection: close\r\n"), std::string::npos);
 }
 
 // A flood is answered and cut off long before it is all sent: the server
@@ -208,20 +218,44 @@ TEST_F(ListenerTest, BodiesAndHugeLinesAreRefusedUnread) {
   }
 }
 
+// On a new connection and on a kept-alive one, whose head is due from its
+// request line.
 TEST_F(ListenerTest, ADripEndsAtTheHeadDeadlineNotPerByte) {
   ListenerLimits limits;
   limits.head_deadline = 1s;
   Start(limits);
-  Raw raw(server_->port());
-  raw.Send("GET /echo HTTP/1.1\r\n");
-  const auto start = std::chrono::steady_clock::now();
-  size_t dripped = 0;
-  while (raw.Send("X") == 1 &&
-         std::chrono::steady_clock::now() - start < 30s) {
-    ++dripped;
-    std::this_thread::sleep_for(50ms);
+  for (const bool kept_alive : {false, true}) {
+    SCOPED_TRACE(kept_alive);
+    Raw raw(server_->port());
+    if (kept_alive) {
+      raw.Send("GET /echo HTTP/1.1\r\n\r\n");
+      ASSERT_TRUE(raw.ReadAll(500).ends_with("\r\n\r\n/echo\n"));
+    }
+    raw.Send("GET /echo HTTP/1.1\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    size_t dripped = 0;
+    while (raw.Send("X") == 1 &&
+           std::chrono::steady_clock::now() - start < 30s) {
+      ++dripped;
+      std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << dripped;
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << dripped;
+}
+
+// Handlers run beside the listener's thread: one waiting holds up no other
+// client.
+TEST_F(ListenerTest, ASlowAnswerHoldsUpNoOtherClient) {
+  ListenerLimits limits;
+  limits.workers = 2;
+  Start(limits);
+  Raw slow(server_->port());
+  slow.Send("GET /slow HTTP/1.1\r\nConnection: close\r\n\r\n");
+  Raw quick(server_->port());
+  quick.Send("GET /echo HTTP/1.1\r\nConnection: close\r\n\r\n");
+  EXPECT_TRUE(quick.ReadAll(5000).ends_with("\r\n\r\n/echo\n"));
+  Release();
+  EXPECT_TRUE(slow.ReadAll().ends_with("\r\n\r\nslow\n"));
 }
 
 TEST_F(ListenerTest, WrongPasswordsPastTheBurstAre429) {

@@ -15,6 +15,7 @@ using fetchlet::serve::CollectorConfig;
 using fetchlet::agent::Outcome;
 using fetchlet::serve::Mapped;
 using fetchlet::serve::MapEvaluation;
+using fetchlet::serve::NotesWithMessage;
 using Json = nlohmann::json;
 using Lines = std::vector<std::string>;
 
@@ -192,7 +193,7 @@ TEST(ServeMappingTest, ResultsBecomeSamples) {
     EXPECT_EQ(Samples(mapped), c.samples) << c.name;
     EXPECT_EQ(mapped.dropped_rows, c.dropped_rows) << c.name;
     EXPECT_EQ(FailureText(mapped), c.failure) << c.name;
-    EXPECT_EQ(mapped.notes, c.notes) << c.name;
+    EXPECT_EQ(NotesWithMessage(mapped), c.notes) << c.name;
   }
 }
 

@@ -173,8 +173,8 @@ TEST_F(WebConfigTest, LoadTakesTheExportersNamesOfSuitesAndTheRateLimit) {
             "");
   ASSERT_TRUE(web.tls);
   EXPECT_EQ(web.tls->cipher_suites,
-            (std::vector<std::string>{"ECDHE-RSA-AES256-GCM-SHA384",
-                                      "AES128-SHA"}));
+            (std::vector<std::string>{"ECDHE-RSA AES-256-GCM AEAD",
+                                      "RSA AES-128-CBC SHA1"}));
   EXPECT_EQ(web.rate_limit, (RateLimit{std::chrono::milliseconds(500), 3}));
   std::string error;
   EXPECT_NE(MakeHttpServer(web, &error), nullptr) << error;

@@ -1,0 +1,35 @@
+// What a format parser's samples look like once rendered: the 0.0.4 text
+// that Prometheus reads.
+#ifndef QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
+#define QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "serve/exposition.h"
+#include "serve/format.h"
+
+namespace qvetest {
+
+inline std::string Rendered(const fetchlet::serve::Parsed& parsed) {
+  return fetchlet::serve::RenderExposition(
+      {std::make_shared<const fetchlet::serve::Families>(parsed.families)},
+      fetchlet::serve::Format::kText);
+}
+
+// The sample lines of Rendered, without HELP and TYPE.
+inline std::vector<std::string> RenderedSamples(
+    const fetchlet::serve::Parsed& parsed) {
+  std::vector<std::string> lines;
+  std::istringstream text(Rendered(parsed));
+  for (std::string line; std::getline(text, line);) {
+    if (!line.starts_with("#")) lines.push_back(line);
+  }
+  return lines;
+}
+
+}  // namespace qvetest
+
+#endif  // QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
