@@ -78,11 +78,18 @@ void RowReader::Rows(const Json& rows, const Cells& parent,
 
 void RowReader::Row(const Json& row, const Cells& parent,
                     const std::string& where) {
+  // The cells are views: of this row's texts, which live until its
+  // children are read, or of its parent's.
+  std::vector<std::optional<std::string>> texts(columns_.size());
   Cells cells(columns_.size());
   for (size_t i = 0; i < columns_.size(); ++i) {
     const Json* cell = Find(row, columns_[i]);
-    cells[i] = cell != nullptr ? CellText(*cell)
-               : i < parent.size() ? parent[i] : std::nullopt;
+    if (cell != nullptr) {
+      texts[i] = CellText(*cell);
+      if (texts[i]) cells[i] = *texts[i];
+    } else if (i < parent.size()) {
+      cells[i] = parent[i];
+    }
   }
   const std::string error = MapRow(format_.metrics, cells, &parsed_.families);
   if (!error.empty()) {

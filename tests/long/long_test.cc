@@ -53,6 +53,7 @@ class LongTest : public testing::Test {
   LongTest() {
     BecomeSubreaper();
     RunShell(context_, "true");
+    qvehost::RemoveIdleRunCgroups();  // the pool keeps its descriptors
     descriptors_ = OpenDescriptors();
   }
   ~LongTest() override { qvehost::DeleteContext(context_); }
