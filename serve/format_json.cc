@@ -85,8 +85,8 @@ void RowReader::Row(const Json& row, const Cells& parent,
   for (size_t i = 0; i < columns_.size(); ++i) {
     const Json* cell = Find(row, columns_[i]);
     if (cell != nullptr) {
-      texts[i] = CellText(*cell);
-      if (texts[i]) cells[i] = *texts[i];
+      const std::optional<std::string>& text = texts[i] = CellText(*cell);
+      if (text.has_value()) cells[i] = *text;
     } else if (i < parent.size()) {
       cells[i] = parent[i];
     }

@@ -133,6 +133,9 @@ class PerfReader {
   std::string Drop(const Perf& perf, const std::string& why);
   std::vector<std::string> FamilyNames(const std::string& base,
                                        const Unit& unit, bool counter) const;
+  // The value and threshold families' names, made unique among the output's.
+  std::vector<std::string> TakeNames(const Perf& perf, const Unit& unit,
+                                     bool counter);
 
   const NagiosOptions& options_;
   Parsed& parsed_;
@@ -155,21 +158,70 @@ std::vector<std::string> PerfReader::FamilyNames(const std::string& base,
   return {base + suffix, base + "_threshold" + suffix};
 }
 
+// value;warn;crit;min;max, at most five fields, missing ones empty; none
+// when there are more.
+std::optional<std::vector<std::string_view>> SplitFields(std::string_view data) {
+  std::vector<std::string_view> fields;
+  for (size_t semicolon; (semicolon = data.find(';')) != std::string_view::npos;) {
+    fields.push_back(data.substr(0, semicolon));
+    data.remove_prefix(semicolon + 1);
+  }
+  fields.push_back(data);
+  if (fields.size() > 5) return std::nullopt;
+  fields.resize(5);
+  return fields;
+}
+
+// The warning and critical ranges' bounds and min and max, in base units,
+// into threshold; the problem, or "".
+std::string ReadThresholds(const std::vector<std::string_view>& fields,
+                           double scale, Family* threshold) {
+  static constexpr const char* kKinds[] = {"", "warning", "critical", "min", "max"};
+  for (size_t i = 1; i < 5; ++i) {
+    if (fields[i].empty()) continue;
+    const std::string kind = kKinds[i];
+    if (i >= 3) {
+      const auto number = Number(fields[i]);
+      if (!number) return "invalid " + kind;
+      threshold->samples.push_back({{{"threshold", kind}}, *number * scale, ""});
+      continue;
+    }
+    const auto range = ParseRange(fields[i]);
+    if (!range) return "invalid " + kind + " range";
+    const char* alert = range->inside ? "inside" : "outside";
+    for (const auto& [bound, number] : {std::pair{"lower", range->lower},
+                                        std::pair{"upper", range->upper}}) {
+      threshold->samples.push_back(
+          {{{"threshold", kind}, {"bound", bound}, {"range", alert}},
+           number * scale, ""});
+    }
+  }
+  return "";
+}
+
+std::vector<std::string> PerfReader::TakeNames(const Perf& perf,
+                                               const Unit& unit, bool counter) {
+  std::string base = options_.prefix + "_" + SanitizeName(perf.label);
+  std::vector<std::string> names = FamilyNames(base, unit, counter);
+  if (!names_.Free(names)) {
+    int& next = names_.Next(base);
+    do {
+      names = FamilyNames(base + "_" + std::to_string(next++), unit, counter);
+    } while (!names_.Free(names));
+  }
+  names_.Take(names);
+  return names;
+}
+
 void PerfReader::Read(const Perf& perf) {
   if (!labels_.insert(perf.label).second) {
     ++parsed_.duplicate;
     parsed_.Note("perfdata '" + perf.label + "' given twice: dropped");
     return;
   }
-  std::vector<std::string_view> fields;
-  std::string_view rest = perf.data;
-  for (size_t semicolon; (semicolon = rest.find(';')) != std::string_view::npos;) {
-    fields.push_back(rest.substr(0, semicolon));
-    rest.remove_prefix(semicolon + 1);
-  }
-  fields.push_back(rest);
-  if (fields.size() > 5) return (void)Drop(perf, "more than five fields");
-  fields.resize(5);
+  const auto split = SplitFields(perf.data);
+  if (!split) return (void)Drop(perf, "more than five fields");
+  const std::vector<std::string_view>& fields = *split;
   std::string_view uom;
   const bool unknown = fields[0] == "U";
   const auto value = unknown ? std::optional<double>(NAN) : LeadingNumber(fields[0], &uom);
@@ -190,35 +242,9 @@ void PerfReader::Read(const Perf& perf) {
     unit.unit = sanitized_unit;
   }
   Family threshold{"", MetricType::kGauge, "", "Thresholds of " + perf.label + ".", {}};
-  for (size_t i = 1; i < 5; ++i) {
-    if (fields[i].empty()) continue;
-    static constexpr const char* kKinds[] = {"", "warning", "critical", "min", "max"};
-    const std::string kind = kKinds[i];
-    if (i >= 3) {
-      const auto number = Number(fields[i]);
-      if (!number) return (void)Drop(perf, "invalid " + kind);
-      threshold.samples.push_back({{{"threshold", kind}}, *number * unit.scale, ""});
-      continue;
-    }
-    const auto range = ParseRange(fields[i]);
-    if (!range) return (void)Drop(perf, "invalid " + kind + " range");
-    const char* alert = range->inside ? "inside" : "outside";
-    for (const auto& [bound, number] : {std::pair{"lower", range->lower},
-                                        std::pair{"upper", range->upper}}) {
-      threshold.samples.push_back(
-          {{{"threshold", kind}, {"bound", bound}, {"range", alert}},
-           number * unit.scale, ""});
-    }
-  }
-  std::string base = options_.prefix + "_" + SanitizeName(perf.label);
-  std::vector<std::string> names = FamilyNames(base, unit, counter);
-  if (!names_.Free(names)) {
-    int& next = names_.Next(base);
-    do {
-      names = FamilyNames(base + "_" + std::to_string(next++), unit, counter);
-    } while (!names_.Free(names));
-  }
-  names_.Take(names);
+  const std::string problem = ReadThresholds(fields, unit.scale, &threshold);
+  if (!problem.empty()) return (void)Drop(perf, problem);
+  const std::vector<std::string> names = TakeNames(perf, unit, counter);
   const MetricType type = counter ? MetricType::kCounter : MetricType::kGauge;
   Family family{names[0], type, std::string(counter ? "" : unit.unit),
                 "Performance data " + perf.label + " of the plug-in.", {}};

@@ -127,10 +127,11 @@ class Parser {
 
  private:
   void OnMetadata(const MetadataLine& metadata);
-  void SetMetadata(const MetadataLine& metadata);
+  void SetMetadata(Block& block, const MetadataLine& metadata);
   void OnSample(SampleLine& sample);
-  void AddSample(SampleLine& sample, std::string_view suffix);
-  void Open(const std::string& base);
+  void AddSample(Block& block, SampleLine& sample, std::string_view suffix);
+  // A new block for the family base, the current one closed.
+  Block& Open(const std::string& base);
   void Close();
   void DropLine(const char* kind, const std::string& why);
   std::string Clash(const Family& family) const;
@@ -179,28 +180,30 @@ void Parser::Line(std::string_view line) {
   OnSample(sample);
 }
 
-void Parser::Open(const std::string& base) {
+Block& Parser::Open(const std::string& base) {
   Close();
-  block_.emplace();
-  block_->base = base;
+  Block& block = block_.emplace();
+  block.base = base;
   if (!seen_.insert(base).second) {
-    block_->drop = "family " + base + " printed twice";
-    block_->drop_kind = "duplicate";
+    block.drop = "family " + base + " printed twice";
+    block.drop_kind = "duplicate";
   }
+  return block;
 }
 
 void Parser::OnMetadata(const MetadataLine& metadata) {
-  if (!block_ || block_->base != metadata.name) Open(metadata.name);
-  if (!block_->drop.empty()) return;
-  if (!block_->family.samples.empty()) {
+  Block& block = block_.has_value() && block_->base == metadata.name
+                     ? *block_
+                     : Open(metadata.name);
+  if (!block.drop.empty()) return;
+  if (!block.family.samples.empty()) {
     return DropLine("parse", "# " + metadata.keyword + " " + metadata.name +
                                  " after its samples");
   }
-  SetMetadata(metadata);
+  SetMetadata(block, metadata);
 }
 
-void Parser::SetMetadata(const MetadataLine& metadata) {
-  Block& block = *block_;
+void Parser::SetMetadata(Block& block, const MetadataLine& metadata) {
   const std::string& keyword = metadata.keyword;
   bool& done = keyword == "HELP"   ? block.helped
                : keyword == "TYPE" ? block.typed
@@ -230,25 +233,26 @@ void Parser::SetMetadata(const MetadataLine& metadata) {
 
 void Parser::OnSample(SampleLine& sample) {
   std::optional<std::string_view> suffix;
-  if (block_) suffix = SuffixOf(*block_, sample.name);
-  if (!suffix) {
-    if (block_ && sample.name == block_->base) {
+  if (block_.has_value()) {
+    suffix = SuffixOf(*block_, sample.name);
+    if (!suffix && sample.name == block_->base) {
       return DropLine("parse", "sample " + std::string(sample.name) +
                                    " does not fit its type");
     }
-    Open(std::string(sample.name));
-    suffix = "";
   }
-  if (!block_->drop.empty()) return;
-  if (*suffix == "_created") {
+  Block& block = suffix && block_.has_value() ? *block_
+                                              : Open(std::string(sample.name));
+  if (!block.drop.empty()) return;
+  const std::string_view found = suffix.value_or("");
+  if (found == "_created") {
     ++created_;
     return;
   }
-  AddSample(sample, *suffix);
+  AddSample(block, sample, found);
 }
 
-void Parser::AddSample(SampleLine& sample, std::string_view suffix) {
-  Block& block = *block_;
+void Parser::AddSample(Block& block, SampleLine& sample,
+                       std::string_view suffix) {
   const std::string problem = TypeProblem(block, suffix, sample.labels);
   if (!problem.empty()) return DropLine("parse", problem);
   for (const auto& label : options_.labels) {

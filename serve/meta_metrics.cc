@@ -70,6 +70,36 @@ double BootTime() {
   return at == std::string::npos ? 0 : std::strtod(stat.c_str() + at + 7, nullptr);
 }
 
+// What the collectors' commands cost: CPU and I/O since start, the last
+// evaluation's peak memory.
+Families CostFamilies(const std::vector<CollectorPtr>& collectors) {
+  Family cpu = Counter("fetchlet_collector_cpu_seconds_total",
+                       "CPU time of the collector's commands, by mode.");
+  Family memory = Gauge("fetchlet_collector_memory_peak_bytes",
+                        "Largest memory of the last evaluation's commands.",
+                        "bytes");
+  Family io = Counter("fetchlet_collector_io_bytes_total",
+                      "Bytes the collector's commands read and wrote.");
+  for (const CollectorPtr& collector : collectors) {
+    const std::string& name = collector->config().name;
+    const auto snapshot = collector->snapshot();
+    cpu.samples.push_back({{{"collector", name}, {"mode", "user"}},
+                           snapshot->cpu_user_seconds});
+    cpu.samples.push_back({{{"collector", name}, {"mode", "system"}},
+                           snapshot->cpu_system_seconds});
+    memory.samples.push_back({{{"collector", name}}, snapshot->memory_peak_bytes});
+    io.samples.push_back({{{"collector", name}, {"direction", "read"}},
+                          snapshot->io_read_bytes});
+    io.samples.push_back({{{"collector", name}, {"direction", "write"}},
+                          snapshot->io_write_bytes});
+  }
+  Families families;
+  families.push_back(std::move(cpu));
+  families.push_back(std::move(memory));
+  families.push_back(std::move(io));
+  return families;
+}
+
 }  // namespace
 
 Families ProcessFamilies() {
@@ -118,13 +148,6 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
   Family duplicates =
       Counter("fetchlet_collector_duplicate_series_total",
               "Series dropped because an earlier one had the same labels.");
-  Family cpu = Counter("fetchlet_collector_cpu_seconds_total",
-                       "CPU time of the collector's commands, by mode.");
-  Family memory = Gauge("fetchlet_collector_memory_peak_bytes",
-                        "Largest memory of the last evaluation's commands.",
-                        "bytes");
-  Family io = Counter("fetchlet_collector_io_bytes_total",
-                      "Bytes the collector's commands read and wrote.");
   for (const CollectorPtr& collector : collectors) {
     const std::string& name = collector->config().name;
     const auto snapshot = collector->snapshot();
@@ -145,15 +168,6 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
         {labels, static_cast<double>(collector->skipped())});
     duplicates.samples.push_back(
         {labels, static_cast<double>(collector->duplicates())});
-    cpu.samples.push_back({{{"collector", name}, {"mode", "user"}},
-                           snapshot->cpu_user_seconds});
-    cpu.samples.push_back({{{"collector", name}, {"mode", "system"}},
-                           snapshot->cpu_system_seconds});
-    memory.samples.push_back({labels, snapshot->memory_peak_bytes});
-    io.samples.push_back({{{"collector", name}, {"direction", "read"}},
-                          snapshot->io_read_bytes});
-    io.samples.push_back({{{"collector", name}, {"direction", "write"}},
-                          snapshot->io_write_bytes});
   }
   Family build = {"fetchlet_build", MetricType::kInfo, "",
                   "The fetchlet program's version.", {}};
@@ -162,10 +176,15 @@ Families MetaFamilies(const std::vector<CollectorPtr>& collectors,
                         "1 when the last configuration load succeeded.");
   reload.samples.push_back({{}, last_reload_successful ? 1.0 : 0.0});
   Families families;
-  for (Family* family : {&up, &duration, &success, &failures, &skipped,
-                         &duplicates, &cpu, &memory, &io, &build, &reload}) {
+  for (Family* family :
+       {&up, &duration, &success, &failures, &skipped, &duplicates}) {
     families.push_back(std::move(*family));
   }
+  for (Family& family : CostFamilies(collectors)) {
+    families.push_back(std::move(family));
+  }
+  families.push_back(std::move(build));
+  families.push_back(std::move(reload));
   for (Family& family : ProcessFamilies()) families.push_back(std::move(family));
   return families;
 }

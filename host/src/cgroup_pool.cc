@@ -52,7 +52,9 @@ struct PoolSlot {
   RunLimits applied;
   CgroupCounters last;
   bool used = false;        // a run has ended in it
-  bool killed = false;      // cgroup.kill was written: never reused
+  // cgroup.kill was written: never reused. A run may be ended from another
+  // thread (its evaluation's deadline) while its own thread kills it too.
+  std::atomic<bool> killed{false};
   bool seen_empty = false;  // empty after its run's child ended
   bool peak_resets = true;  // memory.peak restarts on a write (Linux 6.12)
 };
