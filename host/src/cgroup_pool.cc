@@ -258,7 +258,8 @@ bool Populated(const PoolSlot& slot) {
 bool Empty(PoolSlot& slot) {
   if (slot.seen_empty || !Populated(slot)) return true;
   slot.killed = true;
-  write(slot.kill, "1", 1);
+  // A failed write shows below: the cgroup stays busy and is retired.
+  (void)!write(slot.kill, "1", 1);
   const auto give_up = std::chrono::steady_clock::now() +
                        std::chrono::milliseconds(kEmptyWaitMs);
   // Each read re-arms the notification of the next change.
