@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "bench/attack_guesses.h"
+#include "bench/cached_collector.h"
 #include "serve/http.h"
 #include "serve/http_server.h"
 
@@ -30,34 +31,6 @@ namespace {
 
 using namespace fetchlet::serve;
 using namespace std::chrono_literals;
-
-CollectorPtr Cached(int series) {
-  CollectorConfig config;
-  config.name = "bench";
-  config.kind = CollectorKind::kOsLineToken;
-  MetricDefinition metric;
-  metric.name = "bench_value_bytes";
-  metric.unit = "bytes";
-  metric.help = "A cached value.";
-  metric.value.column = 1;
-  metric.labels = {{"device", 0}};
-  config.metrics.push_back(metric);
-  fetchlet::agent::Outcome outcome;
-  outcome.result.reset(qvedrmr_MetricResult_new());
-  for (int i = 0; i < series; ++i) {
-    qvedrvr_ValueRow* row = qvedrvr_ValueRow_new();
-    const std::string cells[] = {"/dev/disk" + std::to_string(i),
-                                 std::to_string(i)};
-    for (int32_t column = 0; column < 2; ++column) {
-      qvedrvr_ValueRow_setStringValue(row, column, cells[column].c_str());
-    }
-    qvedrmr_MetricResult_addValueRow(outcome.result.get(), row);
-  }
-  auto collector =
-      std::make_shared<Collector>(config, fetchlet::agent::EntryPoints{});
-  collector->Publish(outcome);
-  return collector;
-}
 
 // serve's listener in a child process of its own, so that its memory is
 // its own; its port comes back through a pipe.
@@ -67,7 +40,7 @@ pid_t StartServe(int* port) {
   const pid_t pid = fork();
   if (pid == 0) {
     Scheduler scheduler(1, 0);
-    scheduler.SetCollectors({Cached(1000)});
+    scheduler.SetCollectors({CachedCollector(1000)});
     std::atomic<bool> reload_ok{true};
     std::string error;
     auto server = MakeListener(WebConfig{}, ConnectionBudget(1), &error);

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/cached_collector.h"
 #include "serve/exposition.h"
 #include "serve/http.h"
 #include "serve/http_server.h"
@@ -19,35 +20,6 @@
 namespace {
 
 using namespace fetchlet::serve;
-
-CollectorPtr Cached(int series) {
-  CollectorConfig config;
-  config.name = "bench";
-  config.kind = CollectorKind::kOsLineToken;
-  MetricDefinition metric;
-  metric.name = "bench_value_bytes";
-  metric.unit = "bytes";
-  metric.help = "A cached value.";
-  metric.value.column = 1;
-  metric.labels = {{"device", 0}, {"mountpoint", 2}};
-  config.metrics.push_back(metric);
-  fetchlet::agent::Outcome outcome;
-  outcome.result.reset(qvedrmr_MetricResult_new());
-  for (int i = 0; i < series; ++i) {
-    qvedrvr_ValueRow* row = qvedrvr_ValueRow_new();
-    const std::string cells[] = {"/dev/disk" + std::to_string(i),
-                                 std::to_string(i * 4096.5),
-                                 "/srv/mount/" + std::to_string(i)};
-    for (int32_t column = 0; column < 3; ++column) {
-      qvedrvr_ValueRow_setStringValue(row, column, cells[column].c_str());
-    }
-    qvedrmr_MetricResult_addValueRow(outcome.result.get(), row);
-  }
-  auto collector =
-      std::make_shared<Collector>(config, fetchlet::agent::EntryPoints{});
-  collector->Publish(outcome);
-  return collector;
-}
 
 double Percentile(std::vector<double> values, double share) {
   std::sort(values.begin(), values.end());
@@ -75,7 +47,7 @@ double TimedGet(httplib::Client& client) {
 
 Figures Measure(int series, int rounds) {
   Scheduler scheduler(1, 0);
-  scheduler.SetCollectors({Cached(series)});
+  scheduler.SetCollectors({CachedCollector(series)});
   std::atomic<bool> reload_ok{true};
   std::string error;
   auto served = MakeListener(WebConfig{}, 1024, &error);
