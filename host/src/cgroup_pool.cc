@@ -63,7 +63,10 @@ namespace {
 
 // How long a run's end waits for the kernel to empty a killed cgroup (a
 // process in uninterruptible sleep ends late); one still busy is retired.
-constexpr int kEmptyWaitMs = 100;
+// Killed processes of a loaded machine can take more than a tenth of a
+// second to go, and a run must not return while they are still there; an
+// emptied cgroup ends the wait at once.
+constexpr int kEmptyWaitMs = 1000;
 constexpr uint64_t kCpuPeriodUsec = 100000;
 
 std::mutex g_mutex;
