@@ -47,23 +47,30 @@ std::string NagiosOutput() {
   return text + "\nfetchlet-exit-status 0\n";
 }
 
-std::pair<JsonFormat, std::string> JsonInput() {
-  JsonFormat format;
-  format.rows = "/devices";
+struct JsonInput {
+  JsonSpec spec;
+  std::vector<MetricDefinition> metrics;
+  std::string text;
+};
+
+JsonInput MakeJsonInput() {
+  JsonInput input;
+  input.spec.rows = "/devices";
   MetricDefinition metric;
   metric.name = "bench_value_bytes";
   metric.help = "A value.";
-  metric.value.column = JsonColumn(&format, "/size");
-  metric.labels = {{"device", JsonColumn(&format, "/name")},
-                   {"mountpoint", JsonColumn(&format, "/mountpoint")}};
-  format.metrics.push_back(metric);
+  metric.value.column = JsonColumn(&input.spec, "/size");
+  metric.labels = {{"device", JsonColumn(&input.spec, "/name")},
+                   {"mountpoint", JsonColumn(&input.spec, "/mountpoint")}};
+  input.metrics.push_back(metric);
   std::string text = "{\"devices\": [";
   for (int i = 0; i < kSeries; ++i) {
     text += (i ? "," : "") + std::string("{\"name\": \"/dev/disk") + std::to_string(i) +
             "\", \"size\": " + std::to_string(i * 4096) + ", \"mountpoint\": \"/srv/" +
             std::to_string(i) + "\"}";
   }
-  return {format, text + "]}"};
+  input.text = text + "]}";
+  return input;
 }
 
 double Median(std::vector<double> values) {
@@ -77,13 +84,13 @@ int main() {
   const auto model = std::make_shared<const Families>(Model());
   const std::string text = RenderExposition({model}, Format::kText);
   const std::string nagios = NagiosOutput();
-  const auto [json_format, json] = JsonInput();
+  const JsonInput json = MakeJsonInput();
   size_t sink = 0;
   const std::vector<std::function<void()>> steps = {
       [&] { sink += RenderExposition({model}, Format::kText).size(); },
       [&] { sink += ParsePrometheus(text, {}).families.size(); },
       [&] { sink += ParseNagios(nagios, {"bench"}).families.size(); },
-      [&] { sink += ParseJson(json, json_format).families.size(); }};
+      [&] { sink += ParseJson(json.text, json.spec, json.metrics).families.size(); }};
   std::vector<std::vector<double>> times(steps.size());
   for (int round = 0; round < kRounds; ++round) {
     for (size_t i = 0; i < steps.size(); ++i) {

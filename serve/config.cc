@@ -120,7 +120,8 @@ bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b) {
          SameMetrics(a.metrics, b.metrics) &&
          a.udm_value.has_value() == b.udm_value.has_value() &&
          (!a.udm_value || SameMetric(*a.udm_value, *b.udm_value)) &&
-         a.format == b.format && a.prefix == b.prefix && a.labels == b.labels;
+         a.format == b.format && a.prefix == b.prefix && a.labels == b.labels &&
+         a.json == b.json;
 }
 
 std::optional<Config> LoadConfig(const std::string& path,

@@ -71,6 +71,15 @@ struct TableSpec {
   std::optional<int> nested_table;  // which nested table to read
 };
 
+// format: json. Pointers (RFC 6901) to the rows, to each row's own rows,
+// and, relative to a row, to the cells that the metrics' columns index.
+struct JsonSpec {
+  std::string rows;
+  std::string children;  // "": rows have none
+  std::vector<std::string> cells;
+  bool operator==(const JsonSpec& other) const = default;
+};
+
 using CollectorKind = agent::Kind;
 
 // What each run of a collector may take; unset: no limit. A collector's
@@ -103,11 +112,12 @@ struct CollectorConfig {
   std::vector<MetricDefinition> metrics;    // os, osline, oslinetoken
   std::optional<MetricDefinition> udm_value;  // udm
   // An os collector's whole output read as "prometheus" or "nagios" text
-  // instead of through regex and metrics; prefix and constant labels are
-  // the format's.
+  // instead of through regex and metrics, or as "json" through json and
+  // metrics; prefix and constant labels are the text formats'.
   std::string format;
   std::string prefix;
   Labels labels;
+  JsonSpec json;
   Position where;
 };
 

@@ -14,7 +14,7 @@ const std::vector<std::string> kCollectorKeys = {
     "name",     "kind",      "properties", "password_file",
     "password_credential",   "interval",   "on_scrape", "timeout",
     "table",    "regex",     "metrics",    "value",     "limits",
-    "format",   "prefix",    "labels"};
+    "format",   "prefix",    "labels",     "rows",      "children"};
 
 
 bool IsCollectorName(const std::string& name) {
@@ -114,8 +114,9 @@ void ReadMetrics(YamlReader& reader, const YAML::Node& node,
     reader.Problem(node, "'metrics' must be a list of families");
     return;
   }
+  const FamilySource source{false, collector->format == "json" ? collector : nullptr};
   for (const YAML::Node& item : node) {
-    auto metric = ReadMetric(reader, item, false);
+    auto metric = ReadMetric(reader, item, source);
     if (metric) collector->metrics.push_back(std::move(*metric));
   }
 }
@@ -167,7 +168,7 @@ void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
   } else if (key == "metrics") {
     ReadMetrics(reader, entry.value, collector);
   } else if (key == "value") {
-    collector->udm_value = ReadMetric(reader, entry.value, true);
+    collector->udm_value = ReadMetric(reader, entry.value, FamilySource{true});
   } else if (key == "limits") {
     ReadLimits(reader, entry.value, &collector->limits);
   } else {
@@ -207,8 +208,16 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
   if (!node.IsMap()) return std::nullopt;
   const auto kind = ReadKind(reader, YamlReader::Find(entries, "kind"));
   if (kind) collector.kind = *kind;
+  // The name and the format first: problems name the collector, and the
+  // format says how its families name their cells.
+  const auto first = [](const std::string& key) {
+    return key == "name" || key == "format";
+  };
   for (const auto& entry : entries) {
-    if (entry.key != "kind") ReadEntry(reader, entry, &collector);
+    if (first(entry.key)) ReadEntry(reader, entry, &collector);
+  }
+  for (const auto& entry : entries) {
+    if (entry.key != "kind" && !first(entry.key)) ReadEntry(reader, entry, &collector);
   }
   for (const char* required : {"name", "kind"}) {
     if (!YamlReader::Find(entries, required).IsDefined()) {

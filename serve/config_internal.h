@@ -34,9 +34,23 @@ void CheckColumns(YamlReader& reader, const CollectorConfig& collector);
 void CheckUdmValue(YamlReader& reader, const YAML::Node& node,
                    const CollectorConfig& collector);
 
-// A family of the metrics list (table and os collectors), or a udm value.
+// How a family names its cells: by column (of a table or a regex), as a
+// udm's value, or by JSON Pointer relative to a row of a json collector,
+// whose cells gain each pointer.
+struct FamilySource {
+  bool udm = false;
+  CollectorConfig* json = nullptr;
+};
+
+// A family of the metrics list (table, os and json collectors), or a udm
+// value.
 std::optional<MetricDefinition> ReadMetric(YamlReader& reader,
-                                     const YAML::Node& node, bool udm);
+                                           const YAML::Node& node,
+                                           const FamilySource& source);
+// The column of a json collector's pointer in node (under key), or -1 after
+// a problem naming the collector and key.
+int ReadJsonPointer(YamlReader& reader, const YAML::Node& node,
+                    const std::string& key, CollectorConfig* collector);
 
 // Names, units and suffixes of one family, alone.
 void CheckFamily(YamlReader& reader, const YAML::Node& node,

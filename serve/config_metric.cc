@@ -52,10 +52,14 @@ void ReadValueKey(YamlReader& reader, const YamlReader::Entry& entry,
   }
 }
 
-void ReadLabels(YamlReader& reader, const YAML::Node& node, MetricDefinition* definition) {
+void ReadLabels(YamlReader& reader, const YAML::Node& node,
+                const FamilySource& source, MetricDefinition* definition) {
   for (const auto& entry : reader.Entries(node, "labels", {})) {
-    const auto column = reader.Integer(entry.value, entry.key, 0);
-    if (column) definition->labels.emplace_back(entry.key, static_cast<int>(*column));
+    const auto column =
+        source.json != nullptr
+            ? ReadJsonPointer(reader, entry.value, entry.key, source.json)
+            : reader.Integer(entry.value, entry.key, 0).value_or(-1);
+    if (column >= 0) definition->labels.emplace_back(entry.key, static_cast<int>(column));
     if (!IsValidName(entry.key) || entry.key.starts_with("__")) {
       reader.Problem(entry.key_node, "invalid label name '" + entry.key + "'");
     }
@@ -78,8 +82,21 @@ void ReadStates(YamlReader& reader, const YAML::Node& node, MetricDefinition* de
   }
 }
 
+void ReadValue(YamlReader& reader, const YAML::Node& node,
+               const FamilySource& source, ValueSpec* value) {
+  const char* column = source.json != nullptr ? "pointer" : "column";
+  for (const auto& entry : reader.Entries(
+           node, "value", {column, "scale", "trim_suffix", "map"})) {
+    if (entry.key == "pointer") {
+      value->column = ReadJsonPointer(reader, entry.value, entry.key, source.json);
+    } else {
+      ReadValueKey(reader, entry, value);
+    }
+  }
+}
+
 void ReadMetricKey(YamlReader& reader, const YamlReader::Entry& entry,
-                   bool udm, MetricDefinition* definition) {
+                   const FamilySource& source, MetricDefinition* definition) {
   if (entry.key == "name") {
     definition->name = reader.String(entry.value, "name").value_or("");
   } else if (entry.key == "help") {
@@ -89,15 +106,12 @@ void ReadMetricKey(YamlReader& reader, const YamlReader::Entry& entry,
   } else if (entry.key == "type") {
     definition->type = ReadType(reader, entry.value).value_or(definition->type);
   } else if (entry.key == "labels") {
-    ReadLabels(reader, entry.value, definition);
+    ReadLabels(reader, entry.value, source, definition);
   } else if (entry.key == "states") {
     ReadStates(reader, entry.value, definition);
   } else if (entry.key == "value") {
-    for (const auto& value : reader.Entries(
-             entry.value, "value", {"column", "scale", "trim_suffix", "map"})) {
-      ReadValueKey(reader, value, &definition->value);
-    }
-  } else if (udm) {
+    ReadValue(reader, entry.value, source, &definition->value);
+  } else if (source.udm) {
     ReadValueKey(reader, entry, &definition->value);
   }
 }
@@ -154,7 +168,9 @@ bool IsValidName(const std::string& name) {
 }
 
 std::optional<MetricDefinition> ReadMetric(YamlReader& reader,
-                                     const YAML::Node& node, bool udm) {
+                                           const YAML::Node& node,
+                                           const FamilySource& source) {
+  const bool udm = source.udm;
   const std::vector<std::string> keys =
       udm ? std::vector<std::string>{"name", "help", "unit", "type", "states",
                                      "scale", "trim_suffix", "map"}
@@ -164,16 +180,21 @@ std::optional<MetricDefinition> ReadMetric(YamlReader& reader,
   MetricDefinition definition;
   definition.where = reader.Where(node);
   const auto entries = reader.Entries(node, udm ? "value" : "metric", keys);
-  for (const auto& entry : entries) ReadMetricKey(reader, entry, udm, &definition);
+  for (const auto& entry : entries) ReadMetricKey(reader, entry, source, &definition);
   if (!node.IsMap()) return std::nullopt;
   for (const char* required : {"name", "help"}) {
     if (!YamlReader::Find(entries, required).IsDefined()) {
       reader.Problem(node, std::string("missing key '") + required + "'");
     }
   }
-  const bool needs_column =
-      !udm && definition.type != MetricType::kInfo && definition.value.column < 0;
-  if (needs_column) reader.Problem(node, "missing value column");
+  // A column or pointer given but bad has its own problem.
+  const YAML::Node value = YamlReader::Find(entries, "value");
+  const bool given = value.IsMap() && value[source.json ? "pointer" : "column"];
+  const bool needs_column = !udm && definition.type != MetricType::kInfo && !given;
+  if (needs_column) {
+    reader.Problem(node, source.json != nullptr ? "missing value pointer"
+                                                : "missing value column");
+  }
   if (!udm && definition.type == MetricType::kInfo &&
       YamlReader::Find(entries, "value").IsDefined()) {
     reader.Problem(node, "an info family takes no value");

@@ -12,10 +12,12 @@ namespace {
 using Json = nlohmann::json;
 using Pointer = Json::json_pointer;
 
-// Whether arrays and objects in text nest deeper than max_depth; read
-// before parsing, so that a hostile document never reaches the parser.
-bool TooDeep(std::string_view text, int max_depth) {
+// Why text is over bounds (nesting deeper than max_depth, more values than
+// max_values), or ""; read before parsing, so that a hostile document never
+// reaches the parser.
+std::string OverBounds(std::string_view text, const JsonBounds& bounds) {
   int depth = 0;
+  uint64_t values = 1;
   bool quoted = false;
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -24,13 +26,19 @@ bool TooDeep(std::string_view text, int max_depth) {
       else if (c == '"') quoted = false;
     } else if (c == '"') {
       quoted = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > max_depth) return true;
+    } else if (c == '[' || c == '{' || c == ',') {
+      if (c != ',' && ++depth > bounds.max_depth) {
+        return "output nests deeper than " + std::to_string(bounds.max_depth);
+      }
+      if (++values > bounds.max_values) {
+        return "output holds more than " + std::to_string(bounds.max_values) +
+               " values";
+      }
     } else if (c == ']' || c == '}') {
       --depth;
     }
   }
-  return false;
+  return "";
 }
 
 const Json* Find(const Json& json, const Pointer& pointer) {
@@ -51,10 +59,11 @@ std::optional<std::string> CellText(const Json& value) {
 
 class RowReader {
  public:
-  RowReader(const JsonFormat& format, Parsed* parsed)
-      : format_(format), parsed_(*parsed) {
-    for (const std::string& column : format.columns) columns_.emplace_back(column);
-    if (!format.children.empty()) children_ = Pointer(format.children);
+  RowReader(const JsonSpec& spec, const std::vector<MetricDefinition>& metrics,
+            Parsed* parsed)
+      : metrics_(metrics), names_(spec.cells), parsed_(*parsed) {
+    for (const std::string& cell : spec.cells) columns_.emplace_back(cell);
+    if (!spec.children.empty()) children_ = Pointer(spec.children);
   }
 
   void Rows(const Json& rows, const Cells& parent, const std::string& where);
@@ -62,7 +71,8 @@ class RowReader {
  private:
   void Row(const Json& row, const Cells& parent, const std::string& where);
 
-  const JsonFormat& format_;
+  const std::vector<MetricDefinition>& metrics_;
+  const std::vector<std::string>& names_;
   Parsed& parsed_;
   std::vector<Pointer> columns_;
   std::optional<Pointer> children_;
@@ -79,19 +89,19 @@ void RowReader::Rows(const Json& rows, const Cells& parent,
 void RowReader::Row(const Json& row, const Cells& parent,
                     const std::string& where) {
   // The cells are views: of this row's texts, which live until its
-  // children are read, or of its parent's.
+  // children are read, or of its parent's. A cell absent or null here (a
+  // partition's model in lsblk's) is its parent's.
   std::vector<std::optional<std::string>> texts(columns_.size());
   Cells cells(columns_.size());
   for (size_t i = 0; i < columns_.size(); ++i) {
-    const Json* cell = Find(row, columns_[i]);
-    if (cell != nullptr) {
-      const std::optional<std::string>& text = texts[i] = CellText(*cell);
-      if (text.has_value()) cells[i] = *text;
+    if (const Json* cell = Find(row, columns_[i])) texts[i] = CellText(*cell);
+    if (texts[i].has_value()) {
+      cells[i] = *texts[i];
     } else if (i < parent.size()) {
       cells[i] = parent[i];
     }
   }
-  const std::string error = MapRow(format_.metrics, cells, &parsed_.families);
+  const std::string error = MapRow(metrics_, cells, &parsed_.families, &names_);
   if (!error.empty()) {
     ++parsed_.parse;
     parsed_.Note("row " + where + " dropped: " + error);
@@ -111,12 +121,12 @@ Parsed Fail(std::string note) {
 
 }  // namespace
 
-int JsonColumn(JsonFormat* format, const std::string& pointer) {
-  auto& columns = format->columns;
-  const auto found = std::find(columns.begin(), columns.end(), pointer);
-  if (found != columns.end()) return static_cast<int>(found - columns.begin());
-  columns.push_back(pointer);
-  return static_cast<int>(columns.size() - 1);
+int JsonColumn(JsonSpec* spec, const std::string& pointer) {
+  auto& cells = spec->cells;
+  const auto found = std::find(cells.begin(), cells.end(), pointer);
+  if (found != cells.end()) return static_cast<int>(found - cells.begin());
+  cells.push_back(pointer);
+  return static_cast<int>(cells.size() - 1);
 }
 
 std::string CheckJsonPointer(const std::string& text) {
@@ -128,29 +138,31 @@ std::string CheckJsonPointer(const std::string& text) {
   }
 }
 
-Parsed ParseJson(std::string_view text, const JsonFormat& format) {
-  if (text.size() > format.max_bytes) {
+Parsed ParseJson(std::string_view text, const JsonSpec& spec,
+                 const std::vector<MetricDefinition>& metrics,
+                 const JsonBounds& bounds) {
+  if (text.size() > bounds.max_bytes) {
     return Fail("output of " + std::to_string(text.size()) +
-                " bytes is over the limit of " + std::to_string(format.max_bytes));
+                " bytes is over the limit of " + std::to_string(bounds.max_bytes));
   }
-  if (TooDeep(text, format.max_depth)) {
-    return Fail("output nests deeper than " + std::to_string(format.max_depth));
+  if (std::string over = OverBounds(text, bounds); !over.empty()) {
+    return Fail(std::move(over));
+  }
+  for (const std::string& pointer : spec.cells) {
+    if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
+  }
+  for (const std::string& pointer : {spec.rows, spec.children}) {
+    if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
   }
   const Json document = Json::parse(text, nullptr, false);
   if (document.is_discarded()) return Fail("output is not JSON");
-  for (const std::string& pointer : format.columns) {
-    if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
-  }
-  for (const std::string& pointer : {format.rows, format.children}) {
-    if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
-  }
-  const Json* rows = Find(document, Pointer(format.rows));
+  const Json* rows = Find(document, Pointer(spec.rows));
   if (rows == nullptr || !(rows->is_array() || rows->is_object())) {
-    return Fail("no rows at '" + format.rows + "'");
+    return Fail("no rows at '" + spec.rows + "'");
   }
   Parsed parsed;
-  parsed.families = EmptyFamilies(format.metrics);
-  RowReader(format, &parsed).Rows(*rows, {}, "");
+  parsed.families = EmptyFamilies(metrics);
+  RowReader(spec, metrics, &parsed).Rows(*rows, {}, "");
   parsed.FinishNotes();
   return parsed;
 }

@@ -16,27 +16,27 @@
 
 namespace fetchlet::serve {
 
-struct JsonFormat {
-  std::string rows;      // pointer to the rows: an array, or one object
-  std::string children;  // pointer, relative to a row, to its rows; "": none
-  // Pointers relative to a row; the metrics' columns are indices into them.
-  std::vector<std::string> columns;
-  std::vector<MetricDefinition> metrics;
-  // Bounds of the parse: the output limit, and how deep arrays and objects
-  // nest.
+// Bounds of the parse: the output limit, how deep arrays and objects nest,
+// and how many values a document holds (a parsed value takes tens of times
+// the bytes of its text).
+struct JsonBounds {
   uint64_t max_bytes = 64ull << 20;
   int max_depth = 64;
+  uint64_t max_values = 1000000;
 };
 
-// The column of pointer, added to format->columns when new.
-int JsonColumn(JsonFormat* format, const std::string& pointer);
+// The column of pointer, added to spec->cells when new.
+int JsonColumn(JsonSpec* spec, const std::string& pointer);
 
 // "" or why text is not a JSON Pointer.
 std::string CheckJsonPointer(const std::string& text);
 
-// A document too large, too deep, not JSON or without rows there fails as
-// "parse"; a row that does not map is dropped and counted.
-Parsed ParseJson(std::string_view text, const JsonFormat& format);
+// The rows of text through metrics, whose columns index spec.cells. A
+// document over a bound, not JSON or without rows there fails as "parse";
+// a row that does not map is dropped and counted.
+Parsed ParseJson(std::string_view text, const JsonSpec& spec,
+                 const std::vector<MetricDefinition>& metrics,
+                 const JsonBounds& bounds = {});
 
 }  // namespace fetchlet::serve
 

@@ -22,18 +22,23 @@ std::optional<std::string_view> Cell(const Cells& cells, int column) {
   return cells[static_cast<size_t>(column)];
 }
 
-std::string Missing(int column) {
+// Why a row lacks column: "no column 3", or "no /size" with names.
+std::string Missing(int column, const std::vector<std::string>* names) {
+  if (names != nullptr && column >= 0 && static_cast<size_t>(column) < names->size()) {
+    return "no " + (*names)[static_cast<size_t>(column)];
+  }
   return "no column " + std::to_string(column);
 }
 
 // The labels of metric from the row's cells.
 std::optional<Labels> RowLabels(const MetricDefinition& metric, const Cells& cells,
+                                const std::vector<std::string>* names,
                                 std::string* error) {
   Labels labels;
   for (const auto& [name, column] : metric.labels) {
     const auto cell = Cell(cells, column);
     if (!cell) {
-      *error = Missing(column) + " for label " + name;
+      *error = Missing(column, names) + " for label " + name;
       return std::nullopt;
     }
     labels.emplace_back(name, std::string(*cell));
@@ -44,15 +49,16 @@ std::optional<Labels> RowLabels(const MetricDefinition& metric, const Cells& cel
 // The samples metric takes from one row.
 std::optional<std::vector<Sample>> RowSamples(const MetricDefinition& metric,
                                               const Cells& cells,
+                                              const std::vector<std::string>* names,
                                               std::string* error) {
-  auto labels = RowLabels(metric, cells, error);
+  auto labels = RowLabels(metric, cells, names, error);
   if (!labels) return std::nullopt;
   if (metric.type == MetricType::kInfo) {
     return std::vector<Sample>{{std::move(*labels), 1}};
   }
   const auto cell = Cell(cells, metric.value.column);
   if (!cell) {
-    *error = Missing(metric.value.column) + " for the value of " + metric.name;
+    *error = Missing(metric.value.column, names) + " for the value of " + metric.name;
     return std::nullopt;
   }
   if (metric.type != MetricType::kStateset) {
@@ -107,11 +113,11 @@ std::optional<double> CellValue(const ValueSpec& value,
 }
 
 std::string MapRow(const std::vector<MetricDefinition>& metrics, const Cells& cells,
-                   Families* families) {
+                   Families* families, const std::vector<std::string>* names) {
   std::vector<std::vector<Sample>> taken;
   for (const MetricDefinition& metric : metrics) {
     std::string error;
-    auto samples = RowSamples(metric, cells, &error);
+    auto samples = RowSamples(metric, cells, names, &error);
     if (!samples) return error;
     taken.push_back(std::move(*samples));
   }

@@ -21,9 +21,11 @@ std::optional<double> CellValue(const ValueSpec& value,
                                 std::string_view cell, std::string* error);
 
 // Adds the row's samples to families (one per metric, in order), or adds
-// nothing and returns why the row does not parse.
+// nothing and returns why the row does not parse. names, when given, name
+// the columns in that reason (a JSON row's pointers).
 std::string MapRow(const std::vector<MetricDefinition>& metrics, const Cells& cells,
-                   Families* families);
+                   Families* families,
+                   const std::vector<std::string>* names = nullptr);
 
 // Empty families of metrics, ready for rows.
 Families EmptyFamilies(const std::vector<MetricDefinition>& metrics);

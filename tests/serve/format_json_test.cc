@@ -9,12 +9,17 @@ namespace qvetest {
 namespace {
 
 using fetchlet::serve::JsonColumn;
-using fetchlet::serve::JsonFormat;
+using fetchlet::serve::JsonSpec;
 using fetchlet::serve::MetricDefinition;
 using fetchlet::serve::MetricType;
 using fetchlet::serve::ParseJson;
 using fetchlet::serve::Parsed;
 using Lines = std::vector<std::string>;
+
+struct JsonFormat {
+  JsonSpec spec;
+  std::vector<MetricDefinition> metrics;
+};
 
 MetricDefinition Metric(const std::string& name,
                         MetricType type = MetricType::kGauge,
@@ -31,17 +36,17 @@ void AddMetric(JsonFormat* format, MetricDefinition metric,
                const std::string& value,
                const std::vector<std::pair<std::string, std::string>>& labels) {
   metric.help = "Help.";
-  if (!value.empty()) metric.value.column = JsonColumn(format, value);
+  if (!value.empty()) metric.value.column = JsonColumn(&format->spec, value);
   for (const auto& [name, pointer] : labels) {
-    metric.labels.emplace_back(name, JsonColumn(format, pointer));
+    metric.labels.emplace_back(name, JsonColumn(&format->spec, pointer));
   }
   format->metrics.push_back(std::move(metric));
 }
 
 JsonFormat Lsblk() {
   JsonFormat format;
-  format.rows = "/blockdevices";
-  format.children = "/children";
+  format.spec.rows = "/blockdevices";
+  format.spec.children = "/children";
   AddMetric(&format, Metric("disk_size_bytes", MetricType::kGauge, "bytes"), "/size",
             {{"device", "/name"}, {"model", "/model"}});
   MetricDefinition read_only = Metric("disk_read_only");
@@ -72,9 +77,16 @@ struct Case {
   Lines notes;
 };
 
+// An array of n ones.
+std::string ManyValues(size_t n) {
+  std::string text = "[1";
+  for (size_t i = 1; i < n; ++i) text += ",1";
+  return text + "]";
+}
+
 const std::string kLsblk = R"({"blockdevices": [
   {"name": "sda", "size": 1000, "model": "M \"1\"", "ro": false, "children": [
-    {"name": "sda1", "size": 400, "ro": true},
+    {"name": "sda1", "size": 400, "ro": true, "model": null},
     {"name": "sda2", "size": "600", "children": [{"name": "vg-root", "size": 5}]}]},
   {"name": "sdb", "size": "x", "model": "N", "ro": false},
   {"name": "sdc", "size": 1, "model": null}]})";
@@ -89,13 +101,13 @@ const std::vector<Case> kCases = {
       "disk_read_only{device=\"sda2\"} 0", "disk_read_only{device=\"vg-root\"} 0"},
      2, "",
      {"row 2 dropped: 'x' is not a number",
-      "row 3 dropped: no column 2 for label model"}},
+      "row 3 dropped: no /model for label model"}},
     {"document_as_rows", Links(),
      R"([{"ifname": "lo", "operstate": "UNKNOWN", "stats64": {"rx": {"bytes": "2K"}}},
          {"ifname": "eth0", "operstate": "UP"}])",
      {"link_received_bytes_total{link=\"lo\"} 2048",
       "link_info{link=\"lo\",state=\"UNKNOWN\"} 1"},
-     1, "", {"row 2 dropped: no column 0 for the value of link_received_bytes_total"}},
+     1, "", {"row 2 dropped: no /stats64/rx/bytes for the value of link_received_bytes_total"}},
     {"not_json", Lsblk(), "{\"blockdevices\": [", {}, 0, "parse",
      {"output is not JSON"}},
     {"no_rows_there", Lsblk(), R"({"devices": []})", {}, 0, "parse",
@@ -104,6 +116,8 @@ const std::vector<Case> kCases = {
      {"no rows at '/blockdevices'"}},
     {"too_deep", Lsblk(), std::string(100000, '[') + std::string(100000, ']'),
      {}, 0, "parse", {"output nests deeper than 64"}},
+    {"too_many_values", Lsblk(), ManyValues(1000001),
+     {}, 0, "parse", {"output holds more than 1000000 values"}},
     {"brackets_in_strings_do_not_nest", Lsblk(),
      R"({"blockdevices": [{"name": ")" + std::string(100, '[') +
          R"(\"", "size": 1, "model": "", "ro": true}]})",
@@ -116,7 +130,7 @@ class JsonFormatTest : public testing::TestWithParam<Case> {};
 
 TEST_P(JsonFormatTest, RowsToSamples) {
   const Case& c = GetParam();
-  const Parsed parsed = ParseJson(c.document, c.format);
+  const Parsed parsed = ParseJson(c.document, c.format.spec, c.format.metrics);
   EXPECT_EQ(RenderedSamples(parsed), c.samples);
   EXPECT_EQ(parsed.parse, c.parse);
   EXPECT_EQ(parsed.failure, c.failure);
@@ -131,7 +145,7 @@ TEST(JsonFormatHostile, DocumentOverTheLimit) {
   std::string document = "[";
   document.append(100u << 20, ' ');
   document.append("]");
-  const Parsed parsed = ParseJson(document, Lsblk());
+  const Parsed parsed = ParseJson(document, Lsblk().spec, Lsblk().metrics);
   EXPECT_EQ(parsed.failure, "parse");
   EXPECT_EQ(parsed.notes, (Lines{"output of 104857602 bytes is over the limit "
                                  "of 67108864"}));
@@ -143,8 +157,8 @@ TEST(JsonFormatPointer, Checked) {
   EXPECT_EQ(fetchlet::serve::CheckJsonPointer("a"), "'a' is not a JSON Pointer");
   EXPECT_EQ(fetchlet::serve::CheckJsonPointer("/~2"), "'/~2' is not a JSON Pointer");
   JsonFormat format = Lsblk();
-  format.children = "children";
-  EXPECT_EQ(ParseJson(kLsblk, format).notes,
+  format.spec.children = "children";
+  EXPECT_EQ(ParseJson(kLsblk, format.spec, format.metrics).notes,
             (Lines{"'children' is not a JSON Pointer"}));
 }
 
