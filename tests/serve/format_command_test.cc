@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "../common/processes.h"
+#include "format_test_support.h"
 #include "serve_test_support.h"
 
 namespace qvetest {
@@ -40,19 +41,6 @@ std::string Collector(const std::string& format, const std::string& command,
          format + "\n" + extra + "    properties: {command: \"" + command + "\"}\n";
 }
 
-// name -> value of each sample, names with their labels.
-std::map<std::string, double> Values(const Json& outcome) {
-  std::map<std::string, double> values;
-  for (const Json& sample : outcome["samples"]) {
-    std::string key = sample["name"];
-    for (const auto& [label, value] : sample["labels"].items()) {
-      key += "," + label + "=" + value.get<std::string>();
-    }
-    values[key] = sample["value"];
-  }
-  return values;
-}
-
 TEST(FormatCommandTest, NagiosStatesThroughTheHelper) {
   struct State {
     int status;
@@ -65,7 +53,7 @@ TEST(FormatCommandTest, NagiosStatesThroughTheHelper) {
                      std::to_string(s.status) + "\n");
     const Json outcome =
         TestJson(Collector("nagios", std::string(QVE_EXIT_STATUS_BIN) + " " + check));
-    const auto values = Values(outcome);
+    const auto values = SampleValues(outcome);
     EXPECT_EQ(outcome["failure"], "") << outcome;
     EXPECT_EQ(values.at(std::string("nagios_c_state,nagios_c_state=") + s.state), 1);
     EXPECT_EQ(values.at("nagios_c_exit_status"), s.status);
@@ -81,7 +69,7 @@ TEST(FormatCommandTest, PrometheusTextWithPrefixAndLabels) {
       "metrics", "printf '# TYPE up_total counter\\nup_total 3 17\\nbad\\nup_total 4\\n'\n");
   const Json outcome =
       TestJson(Collector("prometheus", script, "    prefix: app_\n    labels: {site: a}\n"));
-  EXPECT_EQ(Values(outcome), (std::map<std::string, double>{{"app_up_total,site=a", 3}}));
+  EXPECT_EQ(SampleValues(outcome), (std::map<std::string, double>{{"app_up_total,site=a", 3}}));
   EXPECT_EQ(outcome["dropped_rows"], 1);
   EXPECT_EQ(outcome["notes"], Json::parse(R"(["line 3 dropped: no value",
     "line 4 dropped: series up_total seen before",
@@ -117,7 +105,7 @@ END
 )";
   const Json outcome = TestJson(Collector("json", script, families));
   EXPECT_EQ(outcome["failure"], "") << outcome;
-  EXPECT_EQ(Values(outcome), (std::map<std::string, double>{
+  EXPECT_EQ(SampleValues(outcome), (std::map<std::string, double>{
                                  {"disk_size_bytes,device=sda,model=M", 512000},
                                  {"disk_read_only,device=sda", 0},
                                  {"disk_used_ratio,device=sda", 0.25}}));

@@ -1,5 +1,6 @@
-// Real Nagios plug-ins and Prometheus textfile scripts, as Debian ships
-// them, through fetchlet test --json: what each gives Prometheus.
+// Real Nagios plug-ins, Prometheus textfile scripts and programs that print
+// JSON, as Debian ships them, through fetchlet test --json: what each gives
+// Prometheus.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <arpa/inet.h>
@@ -8,11 +9,15 @@
 #include <sys/wait.h>
 
 #include <filesystem>
+#include <functional>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "../common/processes.h"
+#include "format_test_support.h"
 #include "serve_test_support.h"
 
 namespace qvetest {
@@ -23,19 +28,26 @@ using Json = nlohmann::json;
 constexpr const char* kPlugins = "/usr/lib/nagios/plugins/";
 constexpr const char* kScripts = "/usr/share/prometheus-node-exporter-collectors/";
 
-// fetchlet test --json on one os collector c of format running command.
-Json Evaluate(const std::string& format, const std::string& command) {
-  const std::string config =
-      "collectors:\n  - name: c\n    kind: os\n    interval: 1m\n    format: " +
-      format + "\n    properties: {command: \"" + command + "\"}\n";
+// What argv printed on standard output, once it ended.
+std::string Output(const std::vector<std::string>& argv) {
   const std::string out = ServeTempPath("real-out");
-  const pid_t pid = SpawnWithOutput(
-      {QVE_FETCHLET_BIN, "test", "--config", WriteServeFile("real.yaml", config),
-       "--json"},
-      out, ServeTempPath("real-err"));
+  const pid_t pid = SpawnWithOutput(argv, out, ServeTempPath("real-err"));
   int status = 0;
   if (pid > 0) waitpid(pid, &status, 0);
-  const Json parsed = Json::parse(ReadServeFile(out), nullptr, false);
+  return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ReadServeFile(out)
+                                                                   : "";
+}
+
+// fetchlet test --json on one os collector c of format running command,
+// with the collector's other keys in extra.
+Json Evaluate(const std::string& format, const std::string& command,
+              const std::string& extra = "") {
+  const std::string config =
+      "collectors:\n  - name: c\n    kind: os\n    interval: 1m\n    format: " +
+      format + "\n    properties: {command: \"" + command + "\"}\n" + extra;
+  const std::string path = WriteServeFile("real.yaml", config);
+  const Json parsed = Json::parse(
+      Output({QVE_FETCHLET_BIN, "test", "--config", path, "--json"}), nullptr, false);
   return parsed.is_discarded() ? Json() : parsed;
 }
 
@@ -150,6 +162,97 @@ TEST(RealScriptsTest, TextfileCollectorsAsTheyShip) {
       EXPECT_TRUE(HasSample(outcome, c.family)) << c.script << outcome;
     }
   }
+}
+
+using Values = std::map<std::string, double>;
+
+std::vector<std::string> Arguments(const std::string& command) {
+  std::istringstream words(command);
+  std::vector<std::string> argv;
+  for (std::string word; words >> word;) argv.push_back(word);
+  return argv;
+}
+
+// lsblk's devices and their children: name -> size in bytes.
+void DeviceSizes(const Json& devices, Values* sizes) {
+  for (const Json& device : devices) {
+    (*sizes)["disk_size_bytes,device=" + device.value("name", "") +
+             ",type=" + device.value("type", "")] = device["size"];
+    if (device.contains("children")) DeviceSizes(device["children"], sizes);
+  }
+}
+
+Values LinkValues(const Json& links) {
+  Values values;
+  for (const Json& link : links) {
+    const std::string name = link["ifname"];
+    values["link_mtu_bytes,link=" + name] = link["mtu"];
+    values["link_info,link=" + name + ",state=" + link["operstate"].get<std::string>()] = 1;
+  }
+  return values;
+}
+
+// A mount table in the kernel's format, so that the test never depends on
+// what the machine mounts: / holds /proc and /srv, which holds /srv/cache.
+constexpr const char* kMountInfo =
+    "21 1 254:0 / / rw,relatime - ext4 /dev/vdz1 rw\n"
+    "22 21 0:5 / /proc rw - proc proc rw\n"
+    "23 21 254:16 / /srv rw - xfs /dev/vdz2 rw\n"
+    "24 23 0:30 / /srv/cache rw - tmpfs tmpfs rw,size=1024k\n";
+
+TEST(RealJsonTest, ProgramsThatPrintJson) {
+  const std::string mounts = WriteServeFile("mountinfo", kMountInfo);
+  struct Case {
+    std::string command;
+    std::string keys;                      // rows, children and metrics
+    std::function<Values(const Json&)> expected;  // from the program's own output
+  };
+  const std::vector<Case> cases = {
+      {"/usr/sbin/ip -j -s link",
+       "    metrics:\n"
+       "      - {name: link_mtu_bytes, help: MTU., unit: bytes,"
+       " value: {pointer: /mtu}, labels: {link: /ifname}}\n"
+       "      - {name: link, help: Links., type: info,"
+       " labels: {link: /ifname, state: /operstate}}\n"
+       "      - {name: link_received_bytes_total, help: Received., type: counter,"
+       " value: {pointer: /stats64/rx/bytes}, labels: {link: /ifname}}\n",
+       LinkValues},
+      {"/usr/bin/lsblk -J -b -o NAME,TYPE,SIZE",
+       "    rows: /blockdevices\n    children: /children\n    metrics:\n"
+       "      - {name: disk_size_bytes, help: Size., unit: bytes,"
+       " value: {pointer: /size}, labels: {device: /name, type: /type}}\n",
+       [](const Json& doc) {
+         Values sizes;
+         DeviceSizes(doc.value("blockdevices", Json::array()), &sizes);
+         return sizes;
+       }},
+      {"/usr/bin/findmnt -J -b -F " + mounts + " -o TARGET,FSTYPE,ID,PARENT",
+       "    rows: /filesystems\n    children: /children\n    metrics:\n"
+       "      - {name: mount_parent_id, help: Parent., value: {pointer: /parent},"
+       " labels: {target: /target, fstype: /fstype}}\n",
+       [](const Json&) {
+         return Values{{"mount_parent_id,fstype=ext4,target=/", 1},
+                       {"mount_parent_id,fstype=proc,target=/proc", 21},
+                       {"mount_parent_id,fstype=xfs,target=/srv", 21},
+                       {"mount_parent_id,fstype=tmpfs,target=/srv/cache", 23}};
+       }},
+  };
+  for (const Case& c : cases) {
+    const Json own = Json::parse(Output(Arguments(c.command)), nullptr, false);
+    ASSERT_FALSE(own.is_discarded()) << c.command;
+    const Json outcome = Evaluate("json", c.command, c.keys);
+    EXPECT_EQ(outcome["failure"], "") << c.command << outcome;
+    EXPECT_EQ(outcome["dropped_rows"], 0) << c.command << outcome;
+    Values values = SampleValues(outcome);
+    std::erase_if(values, [](const auto& each) {  // it grows between runs
+      return each.first.starts_with("link_received_bytes_total");
+    });
+    EXPECT_EQ(values, c.expected(own)) << c.command << outcome;
+  }
+  // The loopback link is always there.
+  const Json links = Evaluate("json", cases[0].command, cases[0].keys);
+  EXPECT_EQ(SampleValues(links).at("link_mtu_bytes,link=lo"), 65536) << links;
+  EXPECT_TRUE(HasSample(links, "link_received_bytes_total")) << links;
 }
 
 }  // namespace

@@ -3,10 +3,13 @@
 #ifndef QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
 #define QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
 
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "serve/exposition.h"
 #include "serve/format.h"
@@ -28,6 +31,20 @@ inline std::vector<std::string> RenderedSamples(
     if (!line.starts_with("#")) lines.push_back(line);
   }
   return lines;
+}
+
+// name -> value of each sample of a fetchlet test --json object, names
+// with their labels: "name,label=value,...".
+inline std::map<std::string, double> SampleValues(const nlohmann::json& outcome) {
+  std::map<std::string, double> values;
+  for (const nlohmann::json& sample : outcome["samples"]) {
+    std::string key = sample["name"];
+    for (const auto& [label, value] : sample["labels"].items()) {
+      key += "," + label + "=" + value.get<std::string>();
+    }
+    values[key] = sample["value"];
+  }
+  return values;
 }
 
 }  // namespace qvetest
