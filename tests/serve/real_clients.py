@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Real scrapers against `fetchlet serve`: Debian's prometheus scrapes it,
 promtool lints the 0.0.4 text, and python3-prometheus-client's OpenMetrics
-parser reads the OpenMetrics text. Usage: real_clients.py FETCHLET_BINARY"""
+parser reads the OpenMetrics text. Among the collectors is one of each
+output format. Usage: real_clients.py FETCHLET_BINARY EXIT_STATUS_BINARY"""
 import json
 import os
 import shutil
@@ -16,6 +17,7 @@ import urllib.request
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 
 FETCHLET = sys.argv[1]
+EXIT_STATUS = sys.argv[2]
 WORK = tempfile.mkdtemp(prefix="fetchlet-real-clients-")
 FLAG = os.path.join(WORK, "flaky")
 HOSTILE = os.path.join(WORK, "hostile.sh")
@@ -23,6 +25,12 @@ HOSTILE = os.path.join(WORK, "hostile.sh")
 # mounts.
 FILESYSTEMS = os.path.join(WORK, "filesystems.txt")
 OM = "application/openmetrics-text; version=1.0.0"
+# What the format collectors read: a script printing Prometheus text, a
+# Nagios plug-in, and findmnt on a mount table in the kernel's format.
+SCRIPTED = os.path.join(WORK, "scripted.sh")
+CHECK = os.path.join(WORK, "check_disk.sh")
+MOUNTINFO = os.path.join(WORK, "mountinfo")
+FORMATS = ("scripted_", "nagios_check_", "mount_")
 
 
 def free_port():
@@ -57,6 +65,34 @@ def write_hostile_script():
         f.write(b"printf '%s\\n' 'q\"u\\\\o 3' 'dup 4' 'dup 5'\n")
         f.write(b"printf '%s 6\\n' '" + big.encode() + b"'\n")
     os.chmod(HOSTILE, 0o755)
+
+
+def write_format_inputs():
+    scripts = {
+        SCRIPTED: "cat <<'END'\n"
+        "# HELP app_requests_total Requests served.\n"
+        "# TYPE app_requests_total counter\n"
+        'app_requests_total{code="200"} 1027\n'
+        'app_requests_total{code="500"} 3 1700000000000\n'
+        "# TYPE app_latency_seconds histogram\n"
+        'app_latency_seconds_bucket{le="0.1"} 5\n'
+        'app_latency_seconds_bucket{le="1"} 9\n'
+        'app_latency_seconds_bucket{le="+Inf"} 10\n'
+        "app_latency_seconds_sum 3.5\n"
+        "app_latency_seconds_count 10\n"
+        "app_temperature_celsius 21.5\n"
+        "END\n",
+        CHECK: "echo 'DISK WARNING - /srv at 85% | /srv=85%;80;90;0;100 "
+        "time=15ms;;@10:20'\nexit 1\n",
+    }
+    for path, body in scripts.items():
+        with open(path, "w") as f:
+            f.write("#!/bin/sh\n" + body)
+        os.chmod(path, 0o755)
+    with open(MOUNTINFO, "w") as f:
+        f.write("21 1 254:0 / / rw - ext4 /dev/vdz1 rw\n"
+                "22 21 0:5 / /proc rw - proc proc rw\n"
+                "23 21 254:16 / /srv rw - xfs /dev/vdz2 rw\n")
 
 
 CONFIG = """\
@@ -109,6 +145,30 @@ collectors:
         help: Whatever the script printed.
         value: {{column: 1}}
         labels: {{text: 0}}
+  - name: scripted
+    kind: os
+    properties: {{command: {scripted}}}
+    interval: 1s
+    format: prometheus
+    prefix: scripted_
+    labels: {{site: lab}}
+  - name: check
+    kind: os
+    properties: {{command: {exit_status} {check}}}
+    interval: 1s
+    format: nagios
+  - name: mounts
+    kind: os
+    properties: {{command: "/usr/bin/findmnt -J -b -F {mountinfo} -o TARGET,FSTYPE,PARENT"}}
+    interval: 1s
+    format: json
+    rows: /filesystems
+    children: /children
+    metrics:
+      - name: mount_parent_id
+        help: The mount that holds this one.
+        value: {{pointer: /parent}}
+        labels: {{target: /target, fstype: /fstype}}
 """
 
 
@@ -127,14 +187,47 @@ def check_parsers(base):
     assert sizes == {"/": 1024000000.0, "/srv": 20971520.0}, sizes
     assert names["fetchlet_collector_failures"].type == "counter"
     assert names["fetchlet_build"].type == "info"
+    assert names["scripted_app_latency_seconds"].type == "histogram"
+    assert names["nagios_check_state"].type == "stateset"
+    assert names["mount_parent_id"].type == "gauge"
+
+
+def test_samples(config, collector):
+    out = subprocess.run([FETCHLET, "test", "--config", config, "--json",
+                          "--collector", collector],
+                         capture_output=True).stdout
+    return json.loads(out.splitlines()[0])["samples"]
 
 
 def expected_exposition(config):
-    out = subprocess.run([FETCHLET, "test", "--config", config, "--json",
-                          "--collector", "generated"],
-                         capture_output=True, check=True).stdout
-    samples = json.loads(out.splitlines()[0])["samples"]
-    return {s["labels"]["line"]: s["value"] for s in samples}
+    return {s["labels"]["line"]: s["value"]
+            for s in test_samples(config, "generated")}
+
+
+def series_key(name, labels):
+    return (name, tuple(sorted(labels.items())))
+
+
+def expected_formats(config):
+    """Every sample of the format collectors, as fetchlet test shows it."""
+    expected = {}
+    for collector in ("scripted", "check", "mounts"):
+        for s in test_samples(config, collector):
+            expected[series_key(s["name"], s["labels"])] = float(s["value"])
+    assert len(expected) > 20, expected
+    return expected
+
+
+def scraped_formats(prom):
+    """The same series as Prometheus stored them."""
+    got = {}
+    for prefix in FORMATS:
+        for r in query(prom, '{__name__=~"%s.*"}' % prefix):
+            labels = dict(r["metric"])
+            name = labels.pop("__name__")
+            del labels["job"], labels["instance"]
+            got[series_key(name, labels)] = float(r["value"][1])
+    return got
 
 
 def query(prom, expr):
@@ -148,6 +241,7 @@ def query(prom, expr):
 
 def main():
     write_hostile_script()
+    write_format_inputs()
     with open(FLAG, "w") as f:
         f.write("42\n")
     with open(FILESYSTEMS, "w") as f:
@@ -158,12 +252,15 @@ def main():
     config = os.path.join(WORK, "serve.yaml")
     with open(config, "w") as f:
         f.write(CONFIG.format(port=serve_port, flag=FLAG, hostile=HOSTILE,
-                              filesystems=FILESYSTEMS))
+                              filesystems=FILESYSTEMS, scripted=SCRIPTED,
+                              exit_status=EXIT_STATUS, check=CHECK,
+                              mountinfo=MOUNTINFO))
     with open(os.path.join(WORK, "prometheus.yml"), "w") as f:
         f.write("global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
                 "scrape_configs:\n  - job_name: fetchlet\n"
                 "    static_configs: [{targets: ['127.0.0.1:%d']}]\n" % serve_port)
     expected = expected_exposition(config)
+    formats = expected_formats(config)
     processes = []
     try:
         serve = subprocess.Popen([FETCHLET, "serve", "--config", config,
@@ -171,8 +268,10 @@ def main():
         processes.append(serve)
         base = "http://127.0.0.1:%d" % serve_port
         poll("serve", lambda: _ok(base + "/healthz"))
-        poll("first evaluations", lambda: "generated_value{line=\"1000\"}"
-             in get(base + "/metrics"))
+        poll("first evaluations", lambda: all(
+            name in get(base + "/metrics") for name in (
+                'generated_value{line="1000"}', "scripted_app_latency",
+                "nagios_check_state", "mount_parent_id")))
         check_parsers(base)
         prom = "http://127.0.0.1:%d" % prom_port
         processes.append(subprocess.Popen(
@@ -185,6 +284,9 @@ def main():
         got = poll("generated values", lambda: len(
             query(prom, "generated_value")) == 1000 and query(prom, "generated_value"))
         assert {r["metric"]["line"]: float(r["value"][1]) for r in got} == expected
+        scraped = poll("format series", lambda: len(scraped_formats(prom)) ==
+                       len(formats) and scraped_formats(prom))
+        assert scraped == formats, (scraped, formats)
         meta = json.loads(get(prom + "/api/v1/metadata"))["data"]
         assert meta["fs_size_bytes"][0]["type"] == "gauge", meta["fs_size_bytes"]
         assert meta["fs_size_bytes"][0]["unit"] == "bytes", meta["fs_size_bytes"]
