@@ -94,10 +94,14 @@ void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
 
 // The configuration's collectors to evaluate; false after a message when
 // it cannot be read or names no such collector.
-bool LoadCollectors(const CheckOptions& options, serve::Config* config) {
+bool LoadCollectors(const CheckOptions& options, serve::Config* config,
+                    serve::FamilyClaims* claims) {
   auto loaded = serve::LoadConfig(options.config, std::cerr);
   if (!loaded) return false;
   *config = std::move(*loaded);
+  // Every collector's families, as serve would print them beside the one
+  // evaluated.
+  claims->Configure(config->collectors);
   if (options.collector.empty()) return true;
   std::erase_if(config->collectors, [&](const CollectorConfig& c) {
     return c.name != options.collector;
@@ -129,7 +133,8 @@ CLI::App* DefineCheck(CLI::App& app, CheckOptions& o) {
 
 int RunCheck(const CheckOptions& options) {
   serve::Config config;
-  if (!LoadCollectors(options, &config)) return kUsageError;
+  serve::FamilyClaims claims;
+  if (!LoadCollectors(options, &config, &claims)) return kUsageError;
   WatchInterrupts("");
   // Standard error carries one line per problem, which the notes already
   // hold; the host's own lines would only repeat them.
@@ -159,6 +164,8 @@ int RunCheck(const CheckOptions& options) {
         {++evaluation, "fetchlet-test-" + config_of.name,
          std::chrono::steady_clock::now() + config_of.timeout});
     serve::Mapped mapped = serve::MapEvaluation(config_of, outcome);
+    mapped.duplicates += claims.Claim(config_of.name, &mapped.families, &mapped.notes);
+    claims.Settle(config_of.name, mapped.families);
     all_good = all_good && !mapped.failure && mapped.dropped_rows == 0;
     for (const std::string& note : serve::NotesWithMessage(mapped)) {
       std::cerr << config_of.name << ": " << note << "\n";

@@ -56,9 +56,11 @@ std::string LogSafe(std::string_view text) {
 }  // namespace
 
 Collector::Collector(CollectorConfig config,
-                     const agent::EntryPoints& entry_points)
+                     const agent::EntryPoints& entry_points,
+                     std::shared_ptr<FamilyClaims> claims)
     : config_(std::move(config)),
       entry_points_(entry_points),
+      claims_(std::move(claims)),
       snapshot_(std::make_shared<const Snapshot>()) {}
 
 std::shared_ptr<const Snapshot> Collector::snapshot() const {
@@ -80,6 +82,9 @@ agent::Outcome Collector::Evaluate(const agent::Call& call) const {
 
 void Collector::Publish(const agent::Outcome& outcome) {
   Mapped mapped = MapEvaluation(config_, outcome);
+  if (claims_) {
+    mapped.duplicates += claims_->Claim(config_.name, &mapped.families, &mapped.notes);
+  }
   auto next = std::make_shared<Snapshot>();
   const std::shared_ptr<const Snapshot> last = snapshot();
   next->generation = last->generation + 1;
@@ -98,6 +103,7 @@ void Collector::Publish(const agent::Outcome& outcome) {
     next->last_error = mapped.notes.back();
   }
   if (mapped.message) {
+    next->message = *mapped.message;
     spdlog::info("collector {}: message: {}", config_.name,
                  LogSafe(*mapped.message));
   }
@@ -108,9 +114,13 @@ void Collector::Publish(const agent::Outcome& outcome) {
   const std::vector<const Families*> parts = {families.get()};
   duplicates_.fetch_add(AppendFamilies(parts, Format::kText, &next->text));
   AppendFamilies(parts, Format::kOpenMetrics, &next->openmetrics);
-  next->families = std::move(families);
-  std::lock_guard lock(mutex_);
-  snapshot_ = std::move(next);
+  next->families = families;
+  {
+    std::lock_guard lock(mutex_);
+    snapshot_ = std::move(next);
+  }
+  // The families before these are no longer scraped: their names are free.
+  if (claims_) claims_->Settle(config_.name, *families);
 }
 
 }  // namespace fetchlet::serve

@@ -15,6 +15,7 @@
 #include "agent/evaluate.h"
 #include "serve/config.h"
 #include "serve/failure.h"
+#include "serve/family_claims.h"
 #include "serve/model.h"
 
 namespace fetchlet::serve {
@@ -29,6 +30,7 @@ struct Snapshot {
   double duration_seconds = 0;
   double last_success_unix = 0;  // 0: never
   std::string last_error;
+  std::string message;      // a plug-in's first line, as it printed it
   SteadyTime finished{};   // epoch: not evaluated yet
   uint64_t generation = 0;  // 0: not evaluated yet
   // What the collector's commands cost: totals since serve started, and the
@@ -42,7 +44,10 @@ struct Snapshot {
 
 class Collector {
  public:
-  Collector(CollectorConfig config, const agent::EntryPoints& entry_points);
+  // claims: the names of every collector served beside this one; none
+  // when it is served alone.
+  Collector(CollectorConfig config, const agent::EntryPoints& entry_points,
+            std::shared_ptr<FamilyClaims> claims = nullptr);
 
   const CollectorConfig& config() const { return config_; }
 
@@ -71,6 +76,7 @@ class Collector {
 
   const CollectorConfig config_;
   const agent::EntryPoints entry_points_;
+  const std::shared_ptr<FamilyClaims> claims_;
   mutable std::mutex mutex_;
   std::shared_ptr<const Snapshot> snapshot_;
   std::atomic<uint64_t> skipped_{0};

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "serve/exposition.h"
+#include "serve/family_claims.h"
 #include "serve/format_prometheus_line.h"
 
 namespace fetchlet::serve {
@@ -96,25 +97,6 @@ std::string TypeProblem(const Block& block, std::string_view suffix,
     return "a stateset sample without its label " + block.base;
   }
   return "";
-}
-
-// Every sample name that family can print.
-std::vector<std::string> Claims(const Family& family) {
-  std::string base = family.name;
-  if (family.type == MetricType::kCounter) base.resize(base.size() - kTotal.size());
-  switch (family.type) {
-    case MetricType::kCounter:
-      return {base, family.name, base + "_created"};
-    case MetricType::kInfo:
-      return {base, base + "_info"};
-    case MetricType::kHistogram:
-      return {base, base + "_bucket", base + "_sum", base + "_count",
-              base + "_created"};
-    case MetricType::kSummary:
-      return {base, base + "_sum", base + "_count", base + "_created"};
-    default:
-      return {base};
-  }
 }
 
 class Parser {
@@ -283,9 +265,8 @@ std::string Parser::Clash(const Family& family) const {
   if (family.name.starts_with("fetchlet_") || family.name.starts_with("process_")) {
     return "family " + family.name + " is the program's own";
   }
-  for (const std::string& name : Claims(family)) {
-    if (claimed_.contains(name) ||
-        (options_.taken != nullptr && options_.taken->contains(name))) {
+  for (const std::string& name : PrintedNames(family)) {
+    if (claimed_.contains(name)) {
       return "family " + family.name + " clashes with another's " + name;
     }
   }
@@ -320,7 +301,7 @@ void Parser::Close() {
     }
   }
   if (family.help.empty()) family.help = "Read from the command's output.";
-  for (std::string& name : Claims(family)) claimed_.insert(std::move(name));
+  for (std::string& name : PrintedNames(family)) claimed_.insert(std::move(name));
   out_.families.push_back(std::move(family));
 }
 

@@ -5,13 +5,12 @@
 // each family in one block, no series twice, valid UTF-8. A line or family
 // that breaks them is dropped and counted, the rest kept. Timestamps are
 // dropped: a sample's time is the scrape's. Histograms and summaries pass
-// through whole.
+// through whole. Clashes with other collectors' families are FamilyClaims'.
 #ifndef FETCHLET_SERVE_FORMAT_PROMETHEUS_H_
 #define FETCHLET_SERVE_FORMAT_PROMETHEUS_H_
 
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "serve/format.h"
 #include "serve/model.h"
@@ -21,9 +20,6 @@ namespace fetchlet::serve {
 struct PrometheusOptions {
   std::string prefix;  // put before every family's name
   Labels labels;       // added to every sample; a sample may not set them
-  // Sample names other collectors' families print: a family here that
-  // would print one of them is dropped and counted as a duplicate.
-  const std::unordered_set<std::string>* taken = nullptr;
 };
 
 Parsed ParsePrometheus(std::string_view text, const PrometheusOptions& options);

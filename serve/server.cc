@@ -69,7 +69,7 @@ bool Server::Collectors(const Config& config, std::vector<CollectorPtr>* out) {
                     collector.name);
       return false;
     }
-    out->push_back(std::make_shared<Collector>(collector, *entry_points));
+    out->push_back(std::make_shared<Collector>(collector, *entry_points, claims_));
   }
   return true;
 }
@@ -93,6 +93,7 @@ bool Server::Start(std::string* error) {
                           : static_cast<int>(std::thread::hardware_concurrency());
   scheduler_ = std::make_unique<Scheduler>(workers, config_->jitter);
   max_connections_ = ConnectionBudget(workers);
+  claims_->Configure(config_->collectors);
   scheduler_->SetCollectors(std::move(collectors));
   const std::string listen =
       listen_override_.empty() ? config_->listen : listen_override_;
@@ -185,6 +186,7 @@ bool Server::Reload() {
     spdlog::warn("listen, max_concurrent and jitter change only on restart");
   }
   qvehost::SetOutputLimit(config->output_limit);
+  claims_->Configure(config->collectors);
   scheduler_->SetCollectors(std::move(collectors));
   config_ = std::move(config);
   last_reload_successful_ = web_reloaded;

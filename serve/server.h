@@ -13,6 +13,7 @@
 
 #include "agent/plugin.h"
 #include "serve/config.h"
+#include "serve/family_claims.h"
 #include "serve/schedule.h"
 #include "serve/web_config.h"
 
@@ -66,6 +67,8 @@ class Server {
   std::string host_;
   std::optional<Config> config_;
   std::unique_ptr<Scheduler> scheduler_;
+  // The family names each collector prints, across reloads.
+  const std::shared_ptr<FamilyClaims> claims_ = std::make_shared<FamilyClaims>();
   std::unique_ptr<HttpServer> http_;
   std::thread listener_;
   std::atomic<bool> last_reload_successful_{true};

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sstream>
+
 #include "../common/processes.h"
 #include "format_test_support.h"
 #include "serve_test_support.h"
@@ -22,8 +24,8 @@ std::string Script(const std::string& name, const std::string& body) {
   return path;
 }
 
-// The one object of fetchlet test --json for the collector in config.
-Json TestJson(const std::string& config) {
+// The objects of fetchlet test --json, one per collector in config.
+std::vector<Json> TestJsonLines(const std::string& config) {
   const std::string out = ServeTempPath("format-out");
   const pid_t pid = SpawnWithOutput(
       {QVE_FETCHLET_BIN, "test", "--config", WriteServeFile("format.yaml", config),
@@ -31,8 +33,17 @@ Json TestJson(const std::string& config) {
       out, ServeTempPath("format-err"));
   int status = 0;
   if (pid > 0) waitpid(pid, &status, 0);
-  const Json parsed = Json::parse(ReadServeFile(out), nullptr, false);
-  return parsed.is_discarded() ? Json() : parsed;
+  std::vector<Json> objects;
+  std::istringstream lines(ReadServeFile(out));
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(Json::parse(line, nullptr, false));
+  }
+  return objects;
+}
+
+Json TestJson(const std::string& config) {
+  const std::vector<Json> objects = TestJsonLines(config);
+  return objects.size() == 1 ? objects[0] : Json();
 }
 
 std::string Collector(const std::string& format, const std::string& command,
@@ -113,6 +124,32 @@ END
   EXPECT_EQ(outcome["notes"], Json::parse(R"([
     "row 1.1 dropped: 'x' is not a number",
     "row 2 dropped: no /use for the value of disk_used_ratio"])"));
+}
+
+// A family that another collector configured, or printed first, is dropped
+// and counted; the rest of the output stays.
+TEST(FormatCommandTest, FamiliesClashAcrossCollectors) {
+  const std::string first = Script("first", "printf 'x 1\\ny_total 2\\n'\n");
+  const std::string second =
+      Script("second", "printf 'x 3\\ny_total 4\\nv 5\\nz 6\\n'\n");
+  const std::string config =
+      "collectors:\n"
+      "  - {name: first, kind: os, interval: 1m, format: prometheus,\n"
+      "     properties: {command: " + first + "}}\n"
+      "  - {name: second, kind: os, interval: 1m, format: prometheus,\n"
+      "     properties: {command: " + second + "}}\n"
+      "  - {name: table, kind: osline, interval: 1m, properties: {command: echo 1},\n"
+      "     metrics: [{name: v, help: h, value: {column: 0}}]}\n";
+  const std::vector<Json> outcomes = TestJsonLines(config);
+  ASSERT_EQ(outcomes.size(), 3u);
+  EXPECT_EQ(SampleValues(outcomes[0]),
+            (std::map<std::string, double>{{"x", 1}, {"y_total", 2}}));
+  EXPECT_EQ(SampleValues(outcomes[1]), (std::map<std::string, double>{{"z", 6}}));
+  EXPECT_EQ(outcomes[1]["notes"], Json::parse(R"([
+    "family x dropped: x is collector first's",
+    "family y_total dropped: y_total is collector first's",
+    "family v dropped: v is collector table's"])"));
+  EXPECT_EQ(SampleValues(outcomes[2]), (std::map<std::string, double>{{"v", 1}}));
 }
 
 TEST(FormatCommandTest, ConfigurationProblems) {

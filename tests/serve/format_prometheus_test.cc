@@ -121,22 +121,18 @@ TEST_P(PrometheusFormat, RendersAndCounts) {
 INSTANTIATE_TEST_SUITE_P(Texts, PrometheusFormat, testing::ValuesIn(kCases),
                          [](const auto& p) { return p.param.name; });
 
-TEST(PrometheusFormatOptions, PrefixLabelsAndOtherCollectorsNames) {
-  const std::unordered_set<std::string> taken = {"app_used_bytes"};
-  PrometheusOptions options{"app_", {{"site", "b"}}, &taken};
+TEST(PrometheusFormatOptions, PrefixAndLabels) {
+  PrometheusOptions options{"app_", {{"site", "b"}}};
   const Parsed parsed = ParsePrometheus(
       "# TYPE jobs_total counter\njobs_total{q=\"1\"} 2\n"
       "used_bytes 3\nfree{site=\"a\"} 1\n# TYPE m stateset\nm{m=\"on\"} 1\n# EOF\n",
       options);
   EXPECT_EQ(RenderedSamples(parsed),
-            (Lines{"app_jobs_total{q=\"1\",site=\"b\"} 2",
+            (Lines{"app_jobs_total{q=\"1\",site=\"b\"} 2", "app_used_bytes{site=\"b\"} 3",
                    "app_m{app_m=\"on\",site=\"b\"} 1"}));
   EXPECT_EQ(parsed.parse, 1u);
-  EXPECT_EQ(parsed.duplicate, 1u);
-  EXPECT_EQ(parsed.notes,
-            (Lines{"family app_used_bytes clashes with another's app_used_bytes: "
-                   "family dropped",
-                   "line 4 dropped: label site is the collector's"}));
+  EXPECT_EQ(parsed.duplicate, 0u);
+  EXPECT_EQ(parsed.notes, (Lines{"line 4 dropped: label site is the collector's"}));
 }
 
 // Many series, then families printed 10,000 times (one with a bad type):

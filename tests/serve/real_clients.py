@@ -28,6 +28,8 @@ OM = "application/openmetrics-text; version=1.0.0"
 # What the format collectors read: a script printing Prometheus text, a
 # Nagios plug-in, and findmnt on a mount table in the kernel's format.
 SCRIPTED = os.path.join(WORK, "scripted.sh")
+# Prints families that other collectors configure: dropped and counted.
+CLASHING = os.path.join(WORK, "clashing.sh")
 CHECK = os.path.join(WORK, "check_disk.sh")
 MOUNTINFO = os.path.join(WORK, "mountinfo")
 FORMATS = ("scripted_", "nagios_check_", "mount_")
@@ -82,6 +84,7 @@ def write_format_inputs():
         "app_latency_seconds_count 10\n"
         "app_temperature_celsius 21.5\n"
         "END\n",
+        CLASHING: "echo 'fs_size_bytes 1'\necho 'generated_value 2'\n",
         CHECK: "echo 'DISK WARNING - /srv at 85% | /srv=85%;80;90;0;100 "
         "time=15ms;;@10:20'\nexit 1\n",
     }
@@ -152,6 +155,11 @@ collectors:
     format: prometheus
     prefix: scripted_
     labels: {{site: lab}}
+  - name: clashing
+    kind: os
+    properties: {{command: {clashing}}}
+    interval: 1s
+    format: prometheus
   - name: check
     kind: os
     properties: {{command: {exit_status} {check}}}
@@ -253,7 +261,7 @@ def main():
     with open(config, "w") as f:
         f.write(CONFIG.format(port=serve_port, flag=FLAG, hostile=HOSTILE,
                               filesystems=FILESYSTEMS, scripted=SCRIPTED,
-                              exit_status=EXIT_STATUS, check=CHECK,
+                              exit_status=EXIT_STATUS, check=CHECK, clashing=CLASHING,
                               mountinfo=MOUNTINFO))
     with open(os.path.join(WORK, "prometheus.yml"), "w") as f:
         f.write("global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
@@ -271,7 +279,8 @@ def main():
         poll("first evaluations", lambda: all(
             name in get(base + "/metrics") for name in (
                 'generated_value{line="1000"}', "scripted_app_latency",
-                "nagios_check_state", "mount_parent_id")))
+                "nagios_check_state", "mount_parent_id",
+                'fetchlet_collector_up{collector="clashing"} 1')))
         check_parsers(base)
         prom = "http://127.0.0.1:%d" % prom_port
         processes.append(subprocess.Popen(
@@ -287,6 +296,8 @@ def main():
         scraped = poll("format series", lambda: len(scraped_formats(prom)) ==
                        len(formats) and scraped_formats(prom))
         assert scraped == formats, (scraped, formats)
+        poll("clashing families counted", lambda: query(
+            prom, 'fetchlet_collector_duplicate_series_total{collector="clashing"} > 0'))
         meta = json.loads(get(prom + "/api/v1/metadata"))["data"]
         assert meta["fs_size_bytes"][0]["type"] == "gauge", meta["fs_size_bytes"]
         assert meta["fs_size_bytes"][0]["unit"] == "bytes", meta["fs_size_bytes"]
