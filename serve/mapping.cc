@@ -154,6 +154,17 @@ void MapUdm(const CollectorConfig& collector,
   mapped->notes.push_back("value dropped: " + error);
 }
 
+// A command's word is logged and shown on the status page: its first
+// kilobyte, cut between characters.
+void CapMessage(std::string* message) {
+  constexpr size_t kMaxMessageBytes = 1024;
+  if (message->size() <= kMaxMessageBytes) return;
+  size_t cut = kMaxMessageBytes;
+  while (cut > 0 && (static_cast<unsigned char>((*message)[cut]) & 0xC0) == 0x80) --cut;
+  message->resize(cut);
+  message->append("...");
+}
+
 }  // namespace
 
 std::vector<std::string> NotesWithMessage(const Mapped& mapped) {
@@ -188,6 +199,7 @@ Mapped MapEvaluation(const CollectorConfig& collector,
       MapUdm(collector, result, &mapped);
       break;
   }
+  if (mapped.message) CapMessage(&*mapped.message);
   return mapped;
 }
 

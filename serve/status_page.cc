@@ -55,7 +55,8 @@ std::string Row(const Collector& collector, SteadyTime now) {
   return "<tr><td>" + Escaped(collector.config().name) + "</td><td>" +
          Escaped(Schedule(collector.config())) + "</td><td>" + status +
          "</td><td>" + age + "</td><td>" + Cost(*snapshot) + "</td><td>" +
-         Escaped(snapshot->last_error) + "</td></tr>\n";
+         Escaped(snapshot->message) + "</td><td>" + Escaped(snapshot->last_error) +
+         "</td></tr>\n";
 }
 
 }  // namespace
@@ -66,7 +67,7 @@ std::string StatusPage(const Scheduler& scheduler) {
       "<title>fetchlet serve</title></head><body>\n<h1>fetchlet serve</h1>\n"
       "<p><a href=\"/metrics\">/metrics</a></p>\n<table>\n"
       "<tr><th>collector</th><th>schedule</th><th>status</th>"
-      "<th>age</th><th>cost</th><th>last error</th></tr>\n";
+      "<th>age</th><th>cost</th><th>message</th><th>last error</th></tr>\n";
   const SteadyTime now = std::chrono::steady_clock::now();
   for (const CollectorPtr& collector : scheduler.collectors()) {
     page += Row(*collector, now);

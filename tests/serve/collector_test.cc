@@ -9,7 +9,9 @@
 #include <sstream>
 
 #include "common/result_json.h"
+#include "serve/http.h"
 #include "serve/meta_metrics.h"
+#include "serve/schedule.h"
 #include "serve_test_support.h"
 
 namespace fetchlet::serve {
@@ -108,6 +110,41 @@ TEST(CollectorTest, LogLinesOfFailuresAndMessages) {
     c.collector->Publish(c.outcome);
     spdlog::set_default_logger(saved);
     EXPECT_EQ(log.str(), c.log);
+  }
+}
+
+// A plug-in's first line is shown on the status page, escaped and cut, and
+// is never a label.
+TEST(CollectorTest, PluginsFirstLineOnTheStatusPage) {
+  const std::string long_line(5000, 'x');
+  const struct {
+    std::string first_line;
+    std::string cell;
+  } cases[] = {
+      {"CHECK <b>OK</b> & 'fine' | t=1", "<td>CHECK &lt;b&gt;OK&lt;/b&gt; &amp; &#39;fine&#39;</td>"},
+      {"bad \xff byte", "<td>bad \xef\xbf\xbd byte</td>"},
+      {"\xc3\xa9" + long_line, "<td>\xc3\xa9" + long_line.substr(0, 1022) + "...</td>"},
+  };
+  for (const auto& c : cases) {
+    const CollectorPtr collector = std::make_shared<Collector>(
+        qvetest::LoadServeConfig(
+            "collectors:\n  - {name: n, kind: os, on_scrape: {}, format: nagios, "
+            "properties: {command: x}}\n")
+            .collectors.at(0),
+        agent::EntryPoints{});
+    collector->Publish(Rows({{c.first_line + "\nfetchlet-exit-status 0\n"}}));
+    Scheduler scheduler(1, 0);
+    scheduler.SetCollectors({collector});
+    const std::string page = StatusPage(scheduler);
+    scheduler.Stop();
+    EXPECT_NE(page.find(c.cell), std::string::npos) << page.substr(0, 2000);
+    for (const Family& family : *collector->snapshot()->families) {
+      for (const Sample& sample : family.samples) {
+        for (const auto& [label, value] : sample.labels) {
+          EXPECT_EQ(value.find("CHECK"), std::string::npos) << family.name;
+        }
+      }
+    }
   }
 }
 
