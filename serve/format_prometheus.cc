@@ -6,6 +6,7 @@
 #include "serve/exposition.h"
 #include "serve/family_claims.h"
 #include "serve/format_prometheus_line.h"
+#include "serve/series_set.h"
 
 namespace fetchlet::serve {
 namespace {
@@ -40,7 +41,7 @@ struct Block {
   std::string drop;  // why its lines are dropped; "" while kept
   const char* drop_kind = "parse";
   Family family;
-  std::unordered_set<std::string> series;
+  SeriesSet series;
 };
 
 // The suffix that a sample of block named name carries, or nullopt when
@@ -245,19 +246,16 @@ void Parser::AddSample(Block& block, SampleLine& sample,
     }
     sample.labels.push_back(label);
   }
-  std::string key(suffix);
-  for (const auto& [name, value] : sample.labels) {
-    key.append(1, '\0').append(name).append(1, '\0').append(value);
-  }
-  if (!block.series.insert(std::move(key)).second) {
-    return DropLine("duplicate", "series " + std::string(sample.name) + " seen before");
-  }
-  timestamps_ += sample.timestamp ? 1 : 0;
   // A counter's _total and an info's _info are the renderer's to add.
   const bool kept = block.type == MetricType::kHistogram ||
                     block.type == MetricType::kSummary;
+  if (!kept) suffix = "";
+  if (block.series.Seen(block.family.samples, sample.labels, suffix)) {
+    return DropLine("duplicate", "series " + std::string(sample.name) + " seen before");
+  }
+  timestamps_ += sample.timestamp ? 1 : 0;
   block.family.samples.push_back({std::move(sample.labels), sample.value,
-                                  kept ? std::string(suffix) : std::string()});
+                                  std::string(suffix)});
 }
 
 std::string Parser::Clash(const Family& family) const {

@@ -49,8 +49,13 @@ bool EqualsNoCase(std::string_view a, std::string_view b) {
 std::string LexQuoted(std::string_view* text, std::string* value) {
   size_t i = 0;
   while (i < text->size()) {
-    const size_t special = text->find_first_of("\"\\", i);
-    if (special == std::string_view::npos) break;
+    // A loop, not find_first_of, which searches its set for each character.
+    size_t special = i;
+    while (special < text->size() && (*text)[special] != '"' &&
+           (*text)[special] != '\\') {
+      ++special;
+    }
+    if (special == text->size()) break;
     value->append(text->substr(i, special - i));
     i = special + 1;
     if ((*text)[special] == '"') {
