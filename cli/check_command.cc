@@ -87,6 +87,7 @@ void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
       << ",\"rows\":";
   PrintJsonRows(out, outcome.result.get());
   out << ",\"dropped_rows\":" << mapped.dropped_rows
+      << ",\"duplicates\":" << mapped.duplicates
       << ",\"samples\":" << Dump(SamplesJson(mapped.families))
       << ",\"notes\":" << Dump(serve::NotesWithMessage(mapped))
       << ",\"resources\":" << Dump(ResourcesJson(outcome.resources)) << "}\n";
