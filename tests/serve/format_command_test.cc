@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <regex>
 #include <sstream>
 
 #include "../common/processes.h"
@@ -206,6 +207,19 @@ TEST(FormatCommandTest, HostileOutputFailsOrIsCounted) {
     notes.resize(std::min(notes.size(), c.first_notes.size()));
     EXPECT_EQ(notes, c.first_notes) << c.name;
   }
+}
+
+// The README's example of each format loads as it stands.
+TEST(FormatCommandTest, ReadmeExamplesLoad) {
+  const std::string readme = ReadServeFile(QVE_SOURCE_DIR "/README.md");
+  const std::regex block("```yaml\n(  - name:[^`]*format: (\\w+)[^`]*)```");
+  Lines formats;
+  for (std::sregex_iterator it(readme.begin(), readme.end(), block), end; it != end; ++it) {
+    formats.push_back((*it)[2]);
+    const auto config = LoadServeConfig("collectors:\n" + (*it)[1].str());
+    EXPECT_EQ(config.collectors.size(), 1u) << (*it)[1];
+  }
+  EXPECT_EQ(formats, (Lines{"prometheus", "nagios", "json"}));
 }
 
 TEST(FormatCommandTest, ConfigurationProblems) {
