@@ -121,6 +121,9 @@ struct CollectorConfig {
   Position where;
 };
 
+// The families a collector configures: its metrics and its udm value.
+std::vector<const MetricDefinition*> ConfiguredFamilies(const CollectorConfig& collector);
+
 // Same kind, properties, password, schedule and mapping, wherever each
 // stands in its file: a reload keeps such a collector's state.
 bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b);

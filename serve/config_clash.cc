@@ -3,6 +3,7 @@
 #include <map>
 
 #include "serve/config_internal.h"
+#include "serve/family_claims.h"
 
 namespace fetchlet::serve {
 namespace {
@@ -12,32 +13,13 @@ struct Claim {
   const MetricDefinition* metric;
 };
 
-// The family name that OpenMetrics prints on # TYPE lines.
-std::string BaseName(const MetricDefinition& metric) {
-  if (metric.type == MetricType::kCounter) {
-    return metric.name.substr(0, metric.name.size() - 6);
-  }
-  return metric.name;
-}
-
-// Every name a family's lines carry.
-std::vector<std::string> ClaimedNames(const MetricDefinition& metric) {
-  const std::string base = BaseName(metric);
-  switch (metric.type) {
-    case MetricType::kCounter:
-      return {base, metric.name, base + "_created"};
-    case MetricType::kInfo:
-      return {base, base + "_info"};
-    default:
-      return {base};
-  }
-}
-
 std::string Place(const Position& where) {
   return "line " + std::to_string(where.line);
 }
 
-std::vector<const MetricDefinition*> FamiliesOf(const CollectorConfig& collector) {
+}  // namespace
+
+std::vector<const MetricDefinition*> ConfiguredFamilies(const CollectorConfig& collector) {
   std::vector<const MetricDefinition*> families;
   families.reserve(collector.metrics.size() + 1);
   for (const MetricDefinition& metric : collector.metrics) families.push_back(&metric);
@@ -45,14 +27,12 @@ std::vector<const MetricDefinition*> FamiliesOf(const CollectorConfig& collector
   return families;
 }
 
-}  // namespace
-
 void CheckFamilyClashes(YamlReader& reader,
                         const std::vector<CollectorConfig>& collectors) {
   std::map<std::string, Claim> claims;
   for (const CollectorConfig& collector : collectors) {
-    for (const MetricDefinition* metric : FamiliesOf(collector)) {
-      for (const std::string& name : ClaimedNames(*metric)) {
+    for (const MetricDefinition* metric : ConfiguredFamilies(collector)) {
+      for (const std::string& name : PrintedNames({metric->name, metric->type, "", "", {}})) {
         const auto [it, fresh] = claims.emplace(name, Claim{name, metric});
         if (fresh || it->second.metric == metric) continue;
         const MetricDefinition& other = *it->second.metric;

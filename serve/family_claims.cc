@@ -1,6 +1,5 @@
 #include "serve/family_claims.h"
 
-#include <algorithm>
 
 #include "serve/format.h"
 
@@ -8,13 +7,6 @@ namespace fetchlet::serve {
 namespace {
 
 constexpr std::string_view kTotal = "_total";
-
-std::vector<const MetricDefinition*> Configured(const CollectorConfig& collector) {
-  std::vector<const MetricDefinition*> metrics;
-  for (const MetricDefinition& metric : collector.metrics) metrics.push_back(&metric);
-  if (collector.udm_value) metrics.push_back(&*collector.udm_value);
-  return metrics;
-}
 
 }  // namespace
 
@@ -43,7 +35,7 @@ void FamilyClaims::Configure(const std::vector<CollectorConfig>& collectors) {
   reserved_.clear();
   std::unordered_map<std::string, std::vector<std::string>> holdings;
   for (const CollectorConfig& collector : collectors) {
-    for (const MetricDefinition* metric : Configured(collector)) {
+    for (const MetricDefinition* metric : ConfiguredFamilies(collector)) {
       for (std::string& name : PrintedNames({metric->name, metric->type, "", "", {}})) {
         reserved_.emplace(std::move(name), collector.name);
       }

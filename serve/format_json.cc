@@ -94,9 +94,10 @@ void RowReader::Row(const Json& row, const Cells& parent,
   std::vector<std::optional<std::string>> texts(columns_.size());
   Cells cells(columns_.size());
   for (size_t i = 0; i < columns_.size(); ++i) {
-    if (const Json* cell = Find(row, columns_[i])) texts[i] = CellText(*cell);
-    if (texts[i].has_value()) {
-      cells[i] = *texts[i];
+    std::optional<std::string>& text = texts[i];
+    if (const Json* cell = Find(row, columns_[i])) text = CellText(*cell);
+    if (text.has_value()) {
+      cells[i] = *text;
     } else if (i < parent.size()) {
       cells[i] = parent[i];
     }
