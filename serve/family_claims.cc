@@ -66,16 +66,19 @@ uint64_t FamilyClaims::Claim(const std::string& collector, Families* families,
   const auto holding = holdings_.find(collector);
   if (holding == holdings_.end()) return 0;
   uint64_t dropped = 0;
+  const auto drop = [&](const Family& family, const std::string& why) {
+    if (++dropped <= kMaxNotes) notes->push_back("family " + family.name + " dropped: " + why);
+    return true;
+  };
   std::erase_if(*families, [&](const Family& family) {
+    // A plug-in's prefix may be "fetchlet_collector" and a label "up".
+    if (family.name.starts_with("fetchlet_") || family.name.starts_with("process_")) {
+      return drop(family, "the name is the program's own");
+    }
     const std::vector<std::string> names = PrintedNames(family);
     for (const std::string& name : names) {
       const std::string* owner = Owner(collector, name);
-      if (owner == nullptr) continue;
-      if (++dropped <= kMaxNotes) {
-        notes->push_back("family " + family.name + " dropped: " + name +
-                         " is collector " + *owner + "'s");
-      }
-      return true;
+      if (owner != nullptr) return drop(family, name + " is collector " + *owner + "'s");
     }
     for (const std::string& name : names) {
       if (held_.emplace(name, collector).second) holding->second.push_back(name);
@@ -84,7 +87,7 @@ uint64_t FamilyClaims::Claim(const std::string& collector, Families* families,
   });
   if (dropped > kMaxNotes) {
     notes->push_back(std::to_string(dropped - kMaxNotes) +
-                     " more families dropped as another collector's");
+                     " more families dropped");
   }
   return dropped;
 }

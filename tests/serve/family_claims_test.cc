@@ -86,6 +86,10 @@ const std::vector<Case> kCases = {
      {{"a", {"x"}, {"x"}, {}},
       {"a", {"w"}, {"w"}, {}, false},
       {"b", {"x"}, {}, {"family x dropped: x is collector a's"}}}},
+    {"the_programs_own_names",
+     {{"a", {"fetchlet_collector_up", "process_open_fds", "ok"}, {"ok"},
+       {"family fetchlet_collector_up dropped: the name is the program's own",
+        "family process_open_fds dropped: the name is the program's own"}}}},
     {"a_collector_not_configured_claims_nothing",
      {{"gone", {"x"}, {"x"}, {}},
       {"a", {"x"}, {"x"}, {}}}},
@@ -146,7 +150,7 @@ TEST(FamilyClaimsHostile, NotesCapped) {
   EXPECT_EQ(claims.Claim("b", &families, &notes), 10000u);
   EXPECT_TRUE(families.empty());
   ASSERT_EQ(notes.size(), fetchlet::serve::kMaxNotes + 1);
-  EXPECT_EQ(notes.back(), "9980 more families dropped as another collector's");
+  EXPECT_EQ(notes.back(), "9980 more families dropped");
 }
 
 }  // namespace
