@@ -23,26 +23,6 @@ using serve::CollectorConfig;
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
 
-const char* TypeName(serve::MetricType type) {
-  switch (type) {
-    case serve::MetricType::kCounter:
-      return "counter";
-    case serve::MetricType::kInfo:
-      return "info";
-    case serve::MetricType::kStateset:
-      return "stateset";
-    case serve::MetricType::kUnknown:
-      return "unknown";
-    case serve::MetricType::kHistogram:
-      return "histogram";
-    case serve::MetricType::kSummary:
-      return "summary";
-    case serve::MetricType::kGauge:
-      break;
-  }
-  return "gauge";
-}
-
 // JSON has no NaN or infinities: they keep their exposition names.
 Json ValueJson(double value) {
   if (std::isnan(value)) return "NaN";
@@ -54,11 +34,13 @@ Json SamplesJson(const serve::Families& families) {
   Json samples = Json::array();
   for (const serve::Family& family : families) {
     const bool info = family.type == serve::MetricType::kInfo;
+    const char* type =
+        serve::TypeName(family.type, serve::Format::kOpenMetrics);
     for (const serve::Sample& sample : family.samples) {
       Json labels = Json::object();
       for (const auto& [name, value] : sample.labels) labels[name] = value;
       samples.push_back({{"family", family.name},
-                         {"type", TypeName(family.type)},
+                         {"type", type},
                          {"name", (info ? family.name + "_info" : family.name) +
                                       sample.suffix},
                          {"labels", labels},

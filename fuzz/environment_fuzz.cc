@@ -4,13 +4,11 @@
 // same name, so the last value wins in the first one's place).
 // Fields: the ENV_ARRAY block, then NAME, VALUE pairs.
 //
-// What must hold: the array is exactly the entries of the "ENV..." and
-// "KTAgentConditionContext..." properties in list order, then the block's
-// pairs whose names no entry holds yet, in block order; null when there is
-// none. A block is read one "{NAME=VALUE}" group at a time: the name runs to
-// the first "=", the value to the next "}" (or the end), no more pairs than
-// "{" bytes, and a group without "=" ends the block. Allocation faults are
-// the fault sweep's.
+// What must hold: the array begins with exactly the entries of the "ENV..."
+// and "KTAgentConditionContext..." properties in list order; what follows
+// comes from the block, each entry standing in it behind a "{", no more of
+// them than "{" bytes, and no name among them that an entry before holds;
+// null when there is no entry. Allocation faults are the fault sweep's.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -29,53 +27,49 @@ constexpr std::string_view kEnvArray = "ENV_ARRAY";
 constexpr std::string_view kEnvPrefix = "ENV";
 constexpr std::string_view kConditionPrefix = "KTAgentConditionContext";
 
-struct Pair {
-  std::string name, value;
-};
-
-std::vector<Pair> BlockPairs(std::string_view block) {
-  std::vector<Pair> pairs;
-  const auto slots =
-      static_cast<size_t>(std::count(block.begin(), block.end(), '{'));
-  size_t position = 0;
-  while (position < block.size() && pairs.size() < slots) {
-    const size_t open = block.find('{', position);
-    if (open == std::string_view::npos) break;
-    const size_t equals = block.find('=', open + 1);
-    if (equals == std::string_view::npos) break;
-    const size_t close = block.find('}', equals + 1);
-    const size_t end = close == std::string_view::npos ? block.size() : close;
-    pairs.push_back({std::string(block.substr(open + 1, equals - open - 1)),
-                     std::string(block.substr(equals + 1, end - equals - 1))});
-    position = close == std::string_view::npos ? block.size() : close + 1;
-  }
-  return pairs;
+bool Holds(const std::vector<std::string>& entries, size_t count,
+           std::string_view entry) {
+  const std::string_view name = entry.substr(0, entry.find('='));
+  return std::any_of(entries.begin(), entries.begin() + count,
+                     [&](std::string_view other) {
+                       return other.substr(0, other.find('=')) == name;
+                     });
 }
 
-bool Holds(const std::vector<std::string>& entries, const std::string& name) {
-  return std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
-    return std::string_view(entry).starts_with(name + "=");
-  });
-}
-
-std::vector<std::string> ExpectedEntries(const qvefuzz::Pairs& properties) {
+// The entries the properties give, and the block (the last one set).
+std::vector<std::string> PropertyEntries(const qvefuzz::Pairs& properties,
+                                         std::string* block) {
   std::vector<std::string> entries;
-  std::string block;
   for (const auto& [name, value] : properties) {
     const std::string_view view(name);
     if (view == kEnvArray) {
-      block = value;
+      *block = value;
     } else if (view.starts_with(kConditionPrefix)) {
       entries.push_back(name + "=" + value);
     } else if (view.starts_with(kEnvPrefix)) {
       entries.push_back(name.substr(kEnvPrefix.size()) + "=" + value);
     }
   }
-  for (const Pair& pair : BlockPairs(block)) {
-    if (!Holds(entries, pair.name))
-      entries.push_back(pair.name + "=" + pair.value);
-  }
   return entries;
+}
+
+void CheckEntries(const std::vector<std::string>& got,
+                  const qvefuzz::Pairs& properties) {
+  std::string block;
+  const std::vector<std::string> own = PropertyEntries(properties, &block);
+  Check(got.size() >= own.size() &&
+            std::equal(own.begin(), own.end(), got.begin()),
+        "the properties' entries differ");
+  const auto slots =
+      static_cast<size_t>(std::count(block.begin(), block.end(), '{'));
+  Check(got.size() - own.size() <= slots, "more block entries than groups");
+  for (size_t i = own.size(); i < got.size(); ++i) {
+    Check(got[i].find('=') != std::string::npos, "a block entry has no '='",
+          got[i]);
+    Check(block.find("{" + got[i]) != std::string::npos,
+          "a block entry is not the block's", got[i]);
+    Check(!Holds(got, i, got[i]), "a block entry repeats a name", got[i]);
+  }
 }
 
 std::vector<std::string> Collect(char** envp) {
@@ -97,13 +91,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   properties.SetPairs(input);
   if ((flags & 2) != 0) properties.Set(std::string(kEnvArray), block);
 
-  const std::vector<std::string> expected = ExpectedEntries(properties.pairs());
   char** envp = qvefos_buildEnvironment(properties.list());
-  if (envp == nullptr) {
-    Check(expected.empty(), "no environment for entries");
-  } else {
-    Check(Collect(envp) == expected, "environment differs");
-  }
+  const std::vector<std::string> got =
+      envp != nullptr ? Collect(envp) : std::vector<std::string>();
+  Check(envp == nullptr || !got.empty(), "an empty array");
+  CheckEntries(got, properties.pairs());
   qvefos_freeEnvironment(&envp);
   Check(envp == nullptr, "freeEnvironment left the pointer set");
   return 0;

@@ -63,16 +63,6 @@ qveulm_LogCtx* Session::Log(const char* name) const {
   return qveulm_getLogCtx(context_->logSource, name);
 }
 
-bool ArmAllocationFault(uint8_t code, std::string_view first,
-                        std::string_view second) {
-  if (code == 0) return false;
-  const uint64_t nth = (code & 0x3Fu) == 0 ? 64 : (code & 0x3Fu);
-  const bool persistent = (code & 0x40u) != 0;
-  qvehost::FailAllocation((code & 0x80u) != 0 ? second : first, nth,
-                          persistent);
-  return true;
-}
-
 void Properties::Set(const std::string& name, const std::string& value) {
   qvehost::SetProperty(list_, name, value);
   for (auto& pair : pairs_) {
@@ -149,32 +139,12 @@ bool IsValidUtf8(std::string_view text) {
   return true;
 }
 
-std::string DropInvalidUtf8(std::string_view text) {
-  std::string kept;
-  for (size_t at = 0; at < text.size();) {
-    const size_t length = Utf8CharLength(text, at);
-    if (length == 0) {
-      ++at;
-      continue;
-    }
-    kept.append(text.substr(at, length));
-    at += length;
+bool IsSubsequence(std::string_view part, std::string_view whole) {
+  size_t at = 0;
+  for (const char c : whole) {
+    if (at < part.size() && part[at] == c) ++at;
   }
-  return kept;
-}
-
-std::string Latin1ToUtf8(std::string_view text) {
-  std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x80) {
-      out += c;
-      continue;
-    }
-    out += static_cast<char>(0xC0 | (byte >> 6));
-    out += static_cast<char>(0x80 | (byte & 0x3F));
-  }
-  return out;
+  return at == part.size();
 }
 
 std::optional<std::string> Text(const char* text) {

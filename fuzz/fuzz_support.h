@@ -1,6 +1,6 @@
 // Shared pieces of the fuzz targets: the input framing, the per-input host
 // session that proves the allocation ledger empty, property lists that
-// remember what they hold, and small reference models of texts.
+// remember what they hold, and checks on texts.
 //
 // Input framing, the same for every target:
 //   HEADER FIELD0 NUL FIELD1 NUL FIELD2 ...
@@ -83,13 +83,6 @@ class Session {
   qvehost::LogCapture capture_;
 };
 
-// Arms an allocation fault from one option byte: 0 leaves the switch off;
-// otherwise bits 0-5 give n (0 counts as 64), bit 6 makes every allocation
-// from the nth on fail, and bit 7 picks second over first as the module.
-// Returns whether a fault is armed.
-bool ArmAllocationFault(uint8_t code, std::string_view first,
-                        std::string_view second);
-
 // ---- Properties -------------------------------------------------------------
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
@@ -120,7 +113,7 @@ class Properties {
   Pairs pairs_;
 };
 
-// ---- Reference models -------------------------------------------------------
+// ---- Texts -------------------------------------------------------
 
 // The lines of text: cut at each line feed, a carriage return right before
 // one dropped, a last line without a line feed kept, none after a final one.
@@ -131,10 +124,8 @@ std::vector<std::string> SplitLines(std::string_view text);
 // U+10FFFF).
 size_t Utf8CharLength(std::string_view text, size_t at);
 bool IsValidUtf8(std::string_view text);
-// text without the bytes that start no well-formed character.
-std::string DropInvalidUtf8(std::string_view text);
-// Each byte as the character of the same number.
-std::string Latin1ToUtf8(std::string_view text);
+// Whether part is whole with some bytes left out.
+bool IsSubsequence(std::string_view part, std::string_view whole);
 
 // A C string as a value; null reads as nullopt.
 std::optional<std::string> Text(const char* text);

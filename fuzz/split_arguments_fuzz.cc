@@ -8,15 +8,13 @@
 // What must hold: the command line is the trimmed command, then " script"
 // and " args" when present, and the property keeps the command without its
 // trailing blanks; a line with an odd number of quote bytes is refused with
-// kind 11 and the whole line in the message; otherwise the tokens are those
-// of a one-pass reading of the line in which a blank or tab outside quotes
-// ends a token, so no token holds a separator outside quotes, and a token
-// that begins with a quote loses its first and last byte.
+// kind 11 and the whole line in the message; otherwise the tokens are bytes
+// of the line in their order, and without quotes they are exactly the line's
+// words: no token empty or holding a blank or tab, nothing else left out.
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "fos/qvefos_request.h"
 #include "fuzz_support.h"
@@ -31,27 +29,8 @@ bool IsSeparator(char c) { return c == ' ' || c == '\t'; }
 bool IsQuote(char c) { return c == '\'' || c == '"'; }
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
-// The tokens as the line shows them, quotes kept.
-std::vector<std::string> RawTokens(std::string_view line) {
-  std::vector<std::string> tokens;
-  std::optional<std::string> token;
-  bool quoted = false;
-  for (const char c : line) {
-    if (!quoted && IsSeparator(c)) {
-      if (token.has_value()) tokens.push_back(*token);
-      token.reset();
-      continue;
-    }
-    if (IsQuote(c)) quoted = !quoted;
-    token = token.value_or("") + c;
-  }
-  if (token.has_value()) tokens.push_back(*token);
-  return tokens;
-}
-
-std::string Unquoted(const std::string& raw) {
-  if (!IsQuote(raw.front())) return raw;
-  return raw.size() < 2 ? std::string() : raw.substr(1, raw.size() - 2);
+bool HasQuote(std::string_view line) {
+  return line.find_first_of("'\"") != std::string_view::npos;
 }
 
 bool OddQuotes(std::string_view line) {
@@ -69,12 +48,23 @@ void CheckException(qveue_Exception* exception, int32_t kind,
 }
 
 void CheckTokens(char** argv, const std::string& line) {
-  const std::vector<std::string> raw = RawTokens(line);
-  for (size_t i = 0; i < raw.size(); ++i) {
-    Check(argv[i] != nullptr, "a token is missing", line);
-    Check(Unquoted(raw[i]) == argv[i], "token differs", line);
+  std::string joined;
+  for (char** token = argv; *token != nullptr; ++token) {
+    const std::string_view text = *token;
+    if (!HasQuote(line)) {
+      Check(!text.empty() && text.find_first_of(" \t") == std::string::npos,
+            "a word is empty or holds a separator", line);
+    }
+    joined += text;
   }
-  Check(argv[raw.size()] == nullptr, "no null slot after the tokens", line);
+  if (HasQuote(line)) {
+    Check(qvefuzz::IsSubsequence(joined, line), "a token is not the line's",
+          line);
+    return;
+  }
+  std::string words = line;
+  std::erase_if(words, IsSeparator);
+  Check(joined == words, "the words differ from the line's", line);
 }
 
 void CheckSplit(const char* line, bool slot) {

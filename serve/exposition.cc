@@ -56,27 +56,6 @@ void AppendEscaped(std::string_view text, bool quotes, std::string* out) {
   }
 }
 
-const char* TypeName(MetricType type, Format format) {
-  const bool open = format == Format::kOpenMetrics;
-  switch (type) {
-    case MetricType::kCounter:
-      return "counter";
-    case MetricType::kInfo:
-      return open ? "info" : "gauge";
-    case MetricType::kStateset:
-      return open ? "stateset" : "gauge";
-    case MetricType::kUnknown:
-      return open ? "unknown" : "untyped";
-    case MetricType::kHistogram:
-      return "histogram";
-    case MetricType::kSummary:
-      return "summary";
-    case MetricType::kGauge:
-      break;
-  }
-  return "gauge";
-}
-
 // The name on # TYPE lines: OpenMetrics names a counter without its
 // "_total"; 0.0.4 has no info type, so its gauge is named like the samples.
 std::string MetadataName(const Family& family, Format format) {
@@ -162,6 +141,27 @@ std::vector<std::vector<const Family*>> GroupByName(
 
 
 }  // namespace
+
+const char* TypeName(MetricType type, Format format) {
+  const bool open = format == Format::kOpenMetrics;
+  switch (type) {
+    case MetricType::kCounter:
+      return "counter";
+    case MetricType::kInfo:
+      return open ? "info" : "gauge";
+    case MetricType::kStateset:
+      return open ? "stateset" : "gauge";
+    case MetricType::kUnknown:
+      return open ? "unknown" : "untyped";
+    case MetricType::kHistogram:
+      return "histogram";
+    case MetricType::kSummary:
+      return "summary";
+    case MetricType::kGauge:
+      break;
+  }
+  return "gauge";
+}
 
 std::string ValidUtf8(std::string_view text) {
   std::string out;

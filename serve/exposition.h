@@ -31,6 +31,8 @@ size_t AppendFamilies(const std::vector<const Families*>& parts,
                       Format format, std::string* out);
 
 // Building blocks, exposed for tests.
+// The type as a format's # TYPE line names it.
+const char* TypeName(MetricType type, Format format);
 std::string ValidUtf8(std::string_view text);  // bad bytes become U+FFFD
 void AppendNumber(double value, std::string* out);
 void AppendLabelValue(std::string_view value, std::string* out);

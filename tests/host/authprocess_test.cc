@@ -27,14 +27,6 @@ namespace {
 constexpr char kWrongPassword[] = "Authentication failed: wrong password";
 constexpr char kBadConfig[] = "Launcher configuration is not valid";
 
-struct Finished {
-  bool started = false;
-  std::string text;  // the launcher's
-  std::string out;
-  int32_t exit = -1;
-  auto Tuple() const { return std::make_tuple(started, text, out, exit); }
-};
-
 class AuthProcessTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -51,26 +43,9 @@ class AuthProcessTest : public testing::Test {
   // user empty: the test account.
   Finished RunToEnd(Strings argv, const std::string& password,
                     Strings* env = nullptr, const std::string& user = {}) {
-    qvejcap_Process* process =
-        New(context_, std::move(argv), user.empty() ? account_->name : user,
-            password, env);
-    Finished f;
-    f.started = qvejcap_Process_run(process) == 0;
-    char text[QVE_LAUNCHER_TEXT_BUFFER] = {'?'};
-    qvejcap_Process_qvo_stderr_read(process, text, 0, 0);
-    f.text = text;
-    qvejcap_Process_stdin_close(process);
-    if (f.started) {
-      char buffer[8207];
-      for (int32_t n; (n = qvejcap_Process_stdout_read(process, buffer,
-                                                       sizeof buffer)) > 0;) {
-        f.out.append(buffer, static_cast<size_t>(n));
-      }
-      qvejcap_Process_blocking_wait(process);
-      qvejcap_Process_getExitValue(process, &f.exit);
-    }
-    qvejcap_Process_delete(process);
-    return f;
+    return qvetest::RunToEnd(context_, std::move(argv),
+                             user.empty() ? account_->name : user, password,
+                             env);
   }
 
   const TestAccount* account_ = nullptr;

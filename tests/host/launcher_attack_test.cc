@@ -70,24 +70,10 @@ class LauncherAttackTest : public testing::Test {
   // Through the host with the build's launcher: its text, then the output.
   std::string HostRun(Strings argv) {
     qvefet_Context* context = qvehost::NewContext();
-    qvejcap_Process* process =
-        New(context, std::move(argv), account_->name, account_->password);
-    std::string result;
-    if (qvejcap_Process_run(process) == 0) {
-      char text[QVE_LAUNCHER_TEXT_BUFFER] = {'?'};
-      qvejcap_Process_qvo_stderr_read(process, text, 0, 0);
-      result = std::string(text) + "|";
-      qvejcap_Process_stdin_close(process);
-      char buffer[4096];
-      for (int32_t n; (n = qvejcap_Process_stdout_read(process, buffer,
-                                                       sizeof buffer)) > 0;) {
-        result.append(buffer, static_cast<size_t>(n));
-      }
-      qvejcap_Process_blocking_wait(process);
-    }
-    qvejcap_Process_delete(process);
+    const Finished f = RunToEnd(context, std::move(argv), account_->name,
+                                account_->password);
     qvehost::DeleteContext(context);
-    return result;
+    return f.started ? f.text + "|" + f.out : "";
   }
 
   const TestAccount* account_ = nullptr;

@@ -16,8 +16,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <tuple>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -48,6 +48,40 @@ inline qvejcap_Process* New(qvefet_Context* context, Strings argv,
       env != nullptr ? envs.data() : nullptr,
       env != nullptr ? static_cast<int32_t>(env->size()) : 0, 0, user.c_str(),
       password.c_str(), nullptr);
+}
+
+// A launched process run to its end: whether it started, the launcher's
+// text, standard output and the exit value.
+struct Finished {
+  bool started = false;
+  std::string text;
+  std::string out;
+  int32_t exit = -1;
+  auto Tuple() const { return std::make_tuple(started, text, out, exit); }
+};
+
+inline Finished RunToEnd(qvefet_Context* context, Strings argv,
+                         const std::string& user, const std::string& password,
+                         Strings* env = nullptr) {
+  qvejcap_Process* process =
+      New(context, std::move(argv), user, password, env);
+  Finished f;
+  f.started = qvejcap_Process_run(process) == 0;
+  char text[QVE_LAUNCHER_TEXT_BUFFER] = {'?'};
+  qvejcap_Process_qvo_stderr_read(process, text, 0, 0);
+  f.text = text;
+  qvejcap_Process_stdin_close(process);
+  if (f.started) {
+    char buffer[8207];
+    for (int32_t n; (n = qvejcap_Process_stdout_read(process, buffer,
+                                                     sizeof buffer)) > 0;) {
+      f.out.append(buffer, static_cast<size_t>(n));
+    }
+    qvejcap_Process_blocking_wait(process);
+    qvejcap_Process_getExitValue(process, &f.exit);
+  }
+  qvejcap_Process_delete(process);
+  return f;
 }
 
 // What body reports, run in a forked child (its exit status is 0 when it

@@ -258,17 +258,5 @@ TEST_F(ServerTest, ScrapesAndCollectorsGoOnUnderDripsAndIdleClients) {
   server_->Stop();
 }
 
-TEST_F(ServerTest, ASecondServerOnAHeldAddressIsRefused) {
-  Write("collectors:\n" + Collector("c", "/bin/echo 3", "1h"));
-  Start();
-  const std::string address = "127.0.0.1:" + std::to_string(server_->port());
-  Server second(path_, address, qvetest::EntryPoints);
-  std::string error;
-  EXPECT_FALSE(second.Start(&error));
-  EXPECT_EQ(error, "cannot listen on " + address + ": Address already in use");
-  EXPECT_EQ(Scrape().find("FAILED"), std::string::npos);
-  server_->Stop();
-}
-
 }  // namespace
 }  // namespace fetchlet::serve
