@@ -167,9 +167,13 @@ bool Server::Listen(const std::string& listen, std::string* error) {
 
 std::string Server::Status() const {
   const size_t count = config_ ? config_->collectors.size() : 0;
+  const size_t modules = config_ ? config_->modules.size() : 0;
   return "serving " + std::to_string(count) +
-         (count == 1 ? " collector on " : " collectors on ") + host_ + ":" +
-         std::to_string(port_);
+         (count == 1 ? " collector" : " collectors") +
+         (modules == 0 ? std::string()
+                       : " and " + std::to_string(modules) +
+                             (modules == 1 ? " module" : " modules")) +
+         " on " + host_ + ":" + std::to_string(port_);
 }
 
 // Users may change at once; certificates are in the listener's TLS context,

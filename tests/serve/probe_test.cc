@@ -4,9 +4,15 @@
 #include <httplib.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <filesystem>
 #include <future>
+#include <sstream>
 
+#include <nlohmann/json.hpp>
+
+#include "common/processes.h"
 #include "serve/module_params.h"
 #include "serve/probe.h"
 #include "serve/server.h"
@@ -313,6 +319,82 @@ TEST_F(ProbeServerTest, ProbesAreGuardedAndNegotiatedAsMetrics) {
   EXPECT_TRUE(Has(open->body, "probe_success 1\n"));
   EXPECT_TRUE(Has(open->body, "up_total 1\n"));
   EXPECT_TRUE(open->body.ends_with("# EOF\n"));
+}
+
+TEST_F(ProbeServerTest, AReloadReplacesTheModules) {
+  const std::string module = "kind: os, format: prometheus, properties: {command: /bin/true}}\n";
+  Start("  - {name: old, " + module);
+  qvetest::WriteServeFile("probe.yaml", "max_concurrent_probes: 2\nmodules:\n"
+                                        "  - {name: new, " + module);
+  ASSERT_TRUE(server_->Reload());
+  const struct {
+    const char* name;
+    int status;
+  } cases[] = {{"old", 400}, {"new", 200}};
+  for (const auto& c : cases) {
+    const auto response = Get(std::string("/probe?module=") + c.name + "&target=a");
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, c.status) << c.name;
+  }
+  EXPECT_TRUE(Has(Metrics(), "fetchlet_probes_total{module=\"new\"} 1\n"));
+}
+
+struct Ran {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+Ran RunTest(std::vector<std::string> args) {
+  const std::string config = qvetest::WriteServeFile(
+      "probe-cli.yaml", std::string(kModule) +
+                            "  - {name: down, kind: os, format: prometheus, "
+                            "properties: {command: /bin/false}}\n");
+  args.insert(args.begin(), {QVE_FETCHLET_BIN, "test", "--config", config});
+  const std::string out = qvetest::ServeTempPath("probe-out");
+  const std::string err = qvetest::ServeTempPath("probe-err");
+  const pid_t pid = qvetest::SpawnWithOutput(std::move(args), out, err);
+  Ran ran;
+  int status = 0;
+  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    ran.status = WEXITSTATUS(status);
+  }
+  ran.out = qvetest::ReadServeFile(out);
+  ran.err = qvetest::ReadServeFile(err);
+  return ran;
+}
+
+TEST(ProbeCommandTest, TestRunsOneProbeWithTheChecksOfProbe) {
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string out;  // a line of standard output, or of standard error
+    bool on_err;
+  } cases[] = {
+      {{"--module", "m", "--target", "db1.example.org"}, 0,
+       "v_info{text=\"db1.example.org\"} 1\n", false},
+      {{"--module", "m", "--target", "a", "--format", "openmetrics"}, 0,
+       "probe_success 1\n", false},
+      {{"--module", "down", "--target", "a"}, 1, "probe_success 0\n", false},
+      {{"--module", "m", "--target", "-x"}, 2,
+       "fetchlet: parameter 'target' begins with '-'\n", true},
+      {{"--module", "m", "--target", "a", "--param", "port"}, 2,
+       "fetchlet: --param takes NAME=VALUE\n", true},
+      {{"--module", "m", "--target", "a", "--param", "port=1"}, 2,
+       "fetchlet: a parameter is not among the module's params\n", true},
+      {{"--module", "nope", "--target", "a"}, 2, "fetchlet: no module named 'nope'", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[1] + " " + c.args.back());
+    const Ran ran = RunTest(c.args);
+    EXPECT_EQ(ran.status, c.status) << ran.err;
+    EXPECT_TRUE(Has(c.on_err ? ran.err : ran.out, c.out)) << ran.out << ran.err;
+  }
+  const Ran json = RunTest({"--module", "m", "--target", "a", "--json"});
+  const auto object = nlohmann::json::parse(json.out);
+  EXPECT_EQ(object["module"], "m");
+  EXPECT_EQ(object["samples"][0]["name"], "probe_success");
+  EXPECT_EQ(object["samples"][0]["value"], 1.0);
 }
 
 }  // namespace
