@@ -91,14 +91,17 @@ void CheckReferences(YamlReader& reader, const YAML::Node& node,
     }
     for (const std::string& used : names) {
       if (Declared(module, used)) continue;
-      reader.Problem(where, "property '" + name + "' uses '${" + used +
-                                "}', which is not among the module's params");
+      std::string text = "property '" + name + "' uses '${";
+      text += used;
+      text += "}', which is not among the module's params";
+      reader.Problem(where, text);
     }
   }
 }
 
 void CheckProbeFamilies(YamlReader& reader, const CollectorConfig& collector) {
   std::vector<const MetricDefinition*> families;
+  families.reserve(collector.metrics.size() + 1);
   for (const MetricDefinition& metric : collector.metrics) families.push_back(&metric);
   if (collector.udm_value) families.push_back(&*collector.udm_value);
   for (const MetricDefinition* metric : families) {

@@ -143,7 +143,7 @@ bool Server::Listen(const std::string& listen, std::string* error) {
     *error = "bad listen address '" + listen + "'";
     return false;
   }
-  if (!web_) return false;  // Start loads it first
+  if (!web_ || !config_) return false;  // Start loads them first
   http_ = MakeListener(*web_, max_connections_, error);
   if (!http_) return false;
   // Probes run on the listener's workers: as many more as may run at once,
