@@ -22,6 +22,9 @@ namespace fetchlet::serve {
 namespace {
 
 constexpr double kDefaultScrapeTimeout = 10;
+// A scraper's timeout is read no longer than this: "inf" or "1e300" must
+// not overflow a deadline.
+constexpr double kLongestScrapeTimeout = 86400;
 // Left to the scraper to receive the body before its own deadline.
 constexpr double kScrapeMargin = 0.5;
 
@@ -58,7 +61,9 @@ double ScrapeTimeoutSeconds(const HttpRequest& request) {
     double parsed = 0;
     const auto [end, error] =
         std::from_chars(header.data(), header.data() + header.size(), parsed);
-    if (error == std::errc() && parsed > 0) seconds = parsed;
+    if (error == std::errc() && parsed > 0) {
+      seconds = std::min(parsed, kLongestScrapeTimeout);  // NaN fails > 0
+    }
   }
   return seconds;
 }

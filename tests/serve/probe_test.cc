@@ -226,25 +226,36 @@ TEST_F(ProbeServerTest, RefusedRequestsRunNothing) {
 // less the offset; at it every process of the run ends.
 TEST_F(ProbeServerTest, RunsEndAtTheirDeadlineWithNoProcessLeft) {
   const std::string marker = qvetest::UniqueSleep(40);
-  Start("  - name: slow\n    kind: os\n    format: prometheus\n    timeout: 1h\n"
-        "    properties: {command: '/bin/sleep " + marker + "'}\n"
-        "  - name: short\n    kind: os\n    format: prometheus\n    timeout: 300ms\n"
-        "    properties: {command: '/bin/sleep " + marker + "'}\n");
+  const std::string sleep = "    properties: {command: '/bin/sleep " + marker + "'}\n";
+  Start("  - name: slow\n    kind: os\n    format: prometheus\n    timeout: 1h\n" +
+        sleep + "  - name: short\n    kind: os\n    format: prometheus\n"
+        "    timeout: 300ms\n" + sleep +
+        "  - name: quick\n    kind: os\n    format: prometheus\n    timeout: 1h\n"
+        "    properties: {command: /bin/true}\n");
   const struct {
     std::string module;
-    httplib::Headers headers;
+    std::string header;  // "": none
+    bool success;
   } cases[] = {
-      {"slow", {{"X-Prometheus-Scrape-Timeout-Seconds", "1"}}},
-      {"slow", {{"X-Prometheus-Scrape-Timeout-Seconds", "0.2"}}},
-      {"short", {}},
-      {"short", {{"X-Prometheus-Scrape-Timeout-Seconds", "3600"}}},
+      {"slow", "1", false},
+      {"slow", "0.2", false},
+      {"short", "", false},
+      {"short", "3600", false},
+      // Read as a day at most, or as no header: never an overflowed deadline.
+      {"quick", "inf", true},
+      {"quick", "1e300", true},
+      {"quick", "nan", true},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.module);
-    const auto response = Get("/probe?module=" + c.module + "&target=a", c.headers);
+    SCOPED_TRACE(c.module + " " + c.header);
+    httplib::Headers headers;
+    if (!c.header.empty()) {
+      headers.emplace("X-Prometheus-Scrape-Timeout-Seconds", c.header);
+    }
+    const auto response = Get("/probe?module=" + c.module + "&target=a", headers);
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, 200);
-    EXPECT_TRUE(Has(response->body, "probe_success 0\n"));
+    EXPECT_TRUE(Has(response->body, c.success ? "probe_success 1\n" : "probe_success 0\n"));
     EXPECT_TRUE(qvetest::WaitFor([&] { return qvetest::ProcessesWith(marker) == 0; }, 5s));
   }
   const std::string metrics = Metrics();
