@@ -222,6 +222,45 @@ TEST_F(ProbeServerTest, RefusedRequestsRunNothing) {
   std::filesystem::remove(ran);
 }
 
+std::string Encoded(const std::string& value) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : value) {
+    const auto byte = static_cast<unsigned char>(c);
+    out += std::isalnum(byte) ? std::string(1, c)
+                              : std::string{'%', kHex[byte >> 4], kHex[byte & 15]};
+  }
+  return out;
+}
+
+// What a pattern admits reaches the command as it stands: no shell expands
+// it, nothing splits it.
+TEST_F(ProbeServerTest, AdmittedValuesReachTheCommandWhole) {
+  Start("  - name: echo\n    kind: os\n"
+        "    properties: {command: '/bin/echo <${word}>'}\n"
+        "    params: {word: {pattern: '.*'}}\n"
+        "    regex: '<(.*)>'\n    metrics:\n"
+        "      - {name: word, help: h, type: info, labels: {text: 1}}\n");
+  const struct {
+    std::string value;
+    std::string label;  // as the exposition escapes it
+  } cases[] = {
+      {"$HOME", "$HOME"},   {"*", "*"},         {"a;b|c&d", "a;b|c&d"},
+      {"`id`", "`id`"},     {"$(id)", "$(id)"}, {"a\\b", "a\\\\b"},
+      {"~root", "~root"},   {"%s%n", "%s%n"},   {"a=b", "a=b"},
+      {"${target}", "${target}"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    const auto response =
+        Get("/probe?module=echo&target=a&word=" + Encoded(c.value));
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, 200);
+    EXPECT_TRUE(Has(response->body, "word_info{text=\"" + c.label + "\"} 1\n"))
+        << response->body;
+  }
+}
+
 // The deadline is the shorter of the module's timeout and the scraper's
 // less the offset; at it every process of the run ends.
 TEST_F(ProbeServerTest, RunsEndAtTheirDeadlineWithNoProcessLeft) {
