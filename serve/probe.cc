@@ -10,8 +10,9 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// A run's cached answers are dropped past this many (a probe then runs
-// every time) rather than let the targets scraped grow memory without end.
+// Past this many cached answers of a module set, new ones are not kept (a
+// probe then runs every time): the targets asked for must not grow memory
+// without end.
 constexpr size_t kMaxCachedAnswers = 4096;
 
 // Probes tag their commands apart from the scheduler's evaluations (which
@@ -241,6 +242,7 @@ Families Prober::MetaFamilies() const {
     names.push_back(module.config.collector.name);
   }
   if (counts_.contains("")) names.emplace_back("");  // no module named
+  if (names.empty()) return {};  // a serve without modules
   for (const std::string& name : names) {
     const auto found = counts_.find(name);
     const Counts counts = found == counts_.end() ? Counts{} : found->second;
@@ -253,8 +255,13 @@ Families Prober::MetaFamilies() const {
       }
     }
     for (size_t i = 0; i < kRefusalCount; ++i) {
+      // A module named is never unknown; a request naming none never ran.
+      const auto refusal = static_cast<Refusal>(i);
+      if (refusal == (name.empty() ? Refusal::kConcurrency : Refusal::kUnknownModule)) {
+        continue;
+      }
       refusals.samples.push_back(
-          {{{"module", name}, {"reason", RefusalName(static_cast<Refusal>(i))}},
+          {{{"module", name}, {"reason", RefusalName(refusal)}},
            static_cast<double>(counts.refusals[i])});
     }
   }
