@@ -117,7 +117,7 @@ bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b);
 
 // A value that a probe request gives a module (target, or one of its
 // params): it must match pattern in full before it reaches a property.
-struct ParamSpec {
+struct ModuleParam {
   std::string name;
   std::string pattern;
   std::shared_ptr<const re2::RE2> compiled;  // pattern, compiled at load
@@ -128,7 +128,7 @@ struct ParamSpec {
 // time. Its properties may hold ${target} and ${NAME} of its params.
 struct ModuleConfig {
   CollectorConfig collector;  // interval and cache_for unset
-  std::vector<ParamSpec> params;  // target first
+  std::vector<ModuleParam> params;  // target first
   std::optional<Duration> cache_for;  // per module, target and params
 };
 

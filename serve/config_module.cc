@@ -21,14 +21,14 @@ bool IsParamName(const std::string& name) {
   });
 }
 
-ParamSpec TargetParam() {
-  ParamSpec target{"target", kDefaultTargetPattern, nullptr, std::nullopt};
+ModuleParam TargetParam() {
+  ModuleParam target{"target", kDefaultTargetPattern, nullptr, std::nullopt};
   target.compiled = std::make_shared<const RE2>(target.pattern);
   return target;
 }
 
 void CompilePattern(YamlReader& reader, const YAML::Node& node,
-                    ParamSpec* param) {
+                    ModuleParam* param) {
   RE2::Options options;
   options.set_log_errors(false);
   auto compiled = std::make_shared<const RE2>(param->pattern, options);
@@ -46,7 +46,7 @@ void ReadParam(YamlReader& reader, const YamlReader::Entry& entry,
     reader.Problem(entry.key_node, "invalid param name '" + entry.key + "'");
     return;
   }
-  ParamSpec param{entry.key, "", nullptr, std::nullopt};
+  ModuleParam param{entry.key, "", nullptr, std::nullopt};
   const auto entries = reader.Entries(entry.value, "param '" + entry.key + "'",
                                       {"pattern", "default"});
   const YAML::Node pattern = YamlReader::Find(entries, "pattern");
@@ -76,7 +76,7 @@ void ReadParam(YamlReader& reader, const YamlReader::Entry& entry,
 
 bool Declared(const ModuleConfig& module, const std::string& name) {
   return std::any_of(module.params.begin(), module.params.end(),
-                     [&](const ParamSpec& p) { return p.name == name; });
+                     [&](const ModuleParam& p) { return p.name == name; });
 }
 
 // Each ${NAME} of the properties is a declared param.

@@ -36,8 +36,8 @@ bool Decode(std::string_view text, std::string* out) {
   return true;
 }
 
-const ParamSpec* Find(const ModuleConfig& module, std::string_view name) {
-  for (const ParamSpec& param : module.params) {
+const ModuleParam* Find(const ModuleConfig& module, std::string_view name) {
+  for (const ModuleParam& param : module.params) {
     if (param.name == name) return &param;
   }
   return nullptr;
@@ -82,7 +82,7 @@ std::string Substitute(std::string_view text, const ParamValues& values) {
   return out;
 }
 
-std::string ValueProblem(const ParamSpec& param, std::string_view value) {
+std::string ValueProblem(const ModuleParam& param, std::string_view value) {
   if (value.size() > kMaxParamValueBytes) return "is too long";
   for (const char c : value) {
     const auto byte = static_cast<unsigned char>(c);
@@ -102,7 +102,7 @@ bool BindParams(const ModuleConfig& module, const ParamValues& query,
                 ParamValues* values, std::string* problem) {
   values->clear();
   for (const auto& [name, value] : query) {
-    const ParamSpec* param = Find(module, name);
+    const ModuleParam* param = Find(module, name);
     if (param == nullptr) {
       *problem = "a parameter is not among the module's params";
       return false;
@@ -119,7 +119,7 @@ bool BindParams(const ModuleConfig& module, const ParamValues& query,
     values->emplace_back(name, value);
   }
   ParamValues ordered;
-  for (const ParamSpec& param : module.params) {
+  for (const ModuleParam& param : module.params) {
     const auto given = std::find_if(values->begin(), values->end(),
                                     [&](const auto& v) { return v.first == param.name; });
     if (given != values->end()) {

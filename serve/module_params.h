@@ -36,7 +36,7 @@ std::string Substitute(std::string_view text, const ParamValues& values);
 
 // Why value cannot stand for param ("" when it can): too long, a control
 // byte, a blank or a quote, a leading '-', or no full match of its pattern.
-std::string ValueProblem(const ParamSpec& param, std::string_view value);
+std::string ValueProblem(const ModuleParam& param, std::string_view value);
 
 // The values of a request's query (NAME=VALUE pairs, decoded; module left
 // out) for the module's params, defaults filled in: false with *problem
