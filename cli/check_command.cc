@@ -54,15 +54,17 @@ std::string Dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// One line; the rows are written from the result as it lies.
-void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
+}  // namespace
+
+// The rows are written from the result as it lies.
+void PrintOutcome(std::ostream& out, const char* key, const std::string& name,
                   const agent::Outcome& outcome, const serve::Mapped& mapped) {
   Json exception = nullptr;
   if (outcome.exception) {
     exception = {{"kind", outcome.ExceptionKind()},
                  {"message", std::string(outcome.ExceptionMessage())}};
   }
-  out << "{\"collector\":" << Dump(collector.name)
+  out << "{" << Dump(key) << ":" << Dump(name)
       << ",\"status\":" << outcome.status
       << ",\"exception\":" << Dump(exception) << ",\"failure\":"
       << Dump(mapped.failure ? serve::FailureName(*mapped.failure) : "")
@@ -74,6 +76,8 @@ void PrintOutcome(std::ostream& out, const CollectorConfig& collector,
       << ",\"notes\":" << Dump(serve::NotesWithMessage(mapped))
       << ",\"resources\":" << Dump(ResourcesJson(outcome.resources)) << "}\n";
 }
+
+namespace {
 
 // The configuration's collectors to evaluate; false after a message when
 // it cannot be read or names no such collector.
@@ -104,7 +108,14 @@ CLI::App* DefineCheck(CLI::App& app, CheckOptions& o) {
       "test", "evaluate each configured collector once and print its samples");
   test->add_option("--config", o.config, "the serving configuration")
       ->required();
-  test->add_option("--collector", o.collector, "evaluate only this one");
+  CLI::Option* collector =
+      test->add_option("--collector", o.collector, "evaluate only this one");
+  CLI::Option* module = test->add_option(
+      "--module", o.module, "run one probe of this module, as /probe would");
+  module->excludes(collector);
+  test->add_option("--target", o.target, "the probe's target")->needs(module);
+  test->add_option("--param", o.params, "NAME=VALUE, a param of the module")
+      ->needs(module);
   test->add_option("--format", o.format, "text (0.0.4) | openmetrics")
       ->check(CLI::IsMember({"text", "openmetrics"}));
   test->add_flag("--json", o.json,
@@ -114,7 +125,20 @@ CLI::App* DefineCheck(CLI::App& app, CheckOptions& o) {
   return test;
 }
 
+std::unique_ptr<agent::Plugin> LoadCheckPlugin(const CheckOptions& options) {
+  const std::string path = options.plugin_path.empty()
+                               ? agent::DefaultPluginPath()
+                               : options.plugin_path;
+  std::string error;
+  std::unique_ptr<agent::Plugin> plugin = agent::Plugin::Load(path, &error);
+  if (!plugin) {
+    std::cerr << "fetchlet: cannot load " << path << ": " << error << "\n";
+  }
+  return plugin;
+}
+
 int RunCheck(const CheckOptions& options) {
+  if (!options.module.empty()) return RunProbeCheck(options);
   serve::Config config;
   serve::FamilyClaims claims;
   if (!LoadCollectors(options, &config, &claims)) return kUsageError;
@@ -123,22 +147,15 @@ int RunCheck(const CheckOptions& options) {
   // hold; the host's own lines would only repeat them.
   qvehost::SetLogLevel(qvehost::LogLevel::kOff);
   qvehost::SetOutputLimit(config.output_limit);
-  const std::string path = options.plugin_path.empty()
-                               ? agent::DefaultPluginPath()
-                               : options.plugin_path;
-  std::string error;
-  std::unique_ptr<agent::Plugin> plugin = agent::Plugin::Load(path, &error);
-  if (!plugin) {
-    std::cerr << "fetchlet: cannot load " << path << ": " << error << "\n";
-    return kUsageError;
-  }
+  std::unique_ptr<agent::Plugin> plugin = LoadCheckPlugin(options);
+  if (!plugin) return kUsageError;
   bool all_good = true;
   std::vector<serve::FamiliesPtr> exposed;
   uint64_t evaluation = 0;
   for (const CollectorConfig& config_of : config.collectors) {
     const auto entry_points = plugin->Find(config_of.kind);
     if (!entry_points) {
-      std::cerr << "fetchlet: " << path << " lacks the fetchlet of "
+      std::cerr << "fetchlet: the plug-in lacks the fetchlet of "
                 << config_of.name << "\n";
       return kUsageError;
     }
@@ -153,7 +170,9 @@ int RunCheck(const CheckOptions& options) {
     for (const std::string& note : serve::NotesWithMessage(mapped)) {
       std::cerr << config_of.name << ": " << note << "\n";
     }
-    if (options.json) PrintOutcome(std::cout, config_of, outcome, mapped);
+    if (options.json) {
+      PrintOutcome(std::cout, "collector", config_of.name, outcome, mapped);
+    }
     exposed.push_back(
         std::make_shared<const serve::Families>(std::move(mapped.families)));
   }

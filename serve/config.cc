@@ -14,7 +14,8 @@ namespace {
 
 const std::vector<std::string> kTopKeys = {
     "listen", "evaluation_timeout", "max_concurrent", "jitter",
-    "output_limit", "limits", "collectors"};
+    "output_limit", "limits", "collectors", "modules",
+    "max_concurrent_probes", "probe_timeout_offset"};
 
 bool SameMetric(const MetricDefinition& a, const MetricDefinition& b) {
   return a.name == b.name && a.help == b.help && a.unit == b.unit &&
@@ -68,6 +69,12 @@ void ReadTopEntry(YamlReader& reader, const YamlReader::Entry& entry,
     config->jitter = jitter.value_or(config->jitter);
   } else if (key == "limits") {
     ReadLimits(reader, entry.value, &config->limits);
+  } else if (key == "max_concurrent_probes") {
+    config->max_concurrent_probes = static_cast<int>(
+        reader.Integer(entry.value, key, 1).value_or(config->max_concurrent_probes));
+  } else if (key == "probe_timeout_offset") {
+    config->probe_timeout_offset = reader.DurationValue(entry.value, key)
+                                       .value_or(config->probe_timeout_offset);
   } else if (key == "output_limit") {
     config->output_limit =
         reader.Size(entry.value, key).value_or(config->output_limit);
@@ -136,12 +143,15 @@ std::optional<Config> LoadConfig(const std::string& path,
   // Collectors take their default timeout from evaluation_timeout, wherever
   // it stands in the file.
   for (const auto& entry : entries) {
-    if (entry.key != "collectors") ReadTopEntry(reader, entry, &config);
+    if (entry.key != "collectors" && entry.key != "modules") {
+      ReadTopEntry(reader, entry, &config);
+    }
   }
   const YAML::Node collectors = YamlReader::Find(entries, "collectors");
-  if (collectors.IsDefined()) {
-    ReadCollectors(reader, collectors, &config);
-  } else if (root->IsMap()) {
+  const YAML::Node modules = YamlReader::Find(entries, "modules");
+  if (collectors.IsDefined()) ReadCollectors(reader, collectors, &config);
+  if (modules.IsDefined()) ReadModules(reader, modules, &config);
+  if (!collectors.IsDefined() && !modules.IsDefined() && root->IsMap()) {
     reader.Problem(*root, "missing key 'collectors'");
   }
   CheckFamilyClashes(reader, config.collectors);

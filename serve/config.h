@@ -128,6 +128,23 @@ std::vector<const MetricDefinition*> ConfiguredFamilies(const CollectorConfig& c
 // stands in its file: a reload keeps such a collector's state.
 bool SameDefinition(const CollectorConfig& a, const CollectorConfig& b);
 
+// A value that a probe request gives a module (target, or one of its
+// params): it must match pattern in full before it reaches a property.
+struct ModuleParam {
+  std::string name;
+  std::string pattern;
+  std::shared_ptr<const re2::RE2> compiled;  // pattern, compiled at load
+  std::optional<std::string> default_value;  // none: the request must give it
+};
+
+// A collector without a schedule, run by GET /probe for one target at a
+// time. Its properties may hold ${target} and ${NAME} of its params.
+struct ModuleConfig {
+  CollectorConfig collector;  // interval and cache_for unset
+  std::vector<ModuleParam> params;  // target first
+  std::optional<Duration> cache_for;  // per module, target and params
+};
+
 struct Config {
   std::string listen = "127.0.0.1:9874";
   Duration evaluation_timeout{10000};
@@ -136,6 +153,10 @@ struct Config {
   uint64_t output_limit = 64ull << 20;
   LimitsConfig limits;  // the collectors' defaults
   std::vector<CollectorConfig> collectors;
+  std::vector<ModuleConfig> modules;
+  int max_concurrent_probes = 16;
+  // Left to the scraper from its X-Prometheus-Scrape-Timeout-Seconds.
+  Duration probe_timeout_offset{500};
 };
 
 // The configuration in path, or nullopt with every problem found (at least

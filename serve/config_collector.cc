@@ -16,6 +16,11 @@ const std::vector<std::string> kCollectorKeys = {
     "table",    "regex",     "metrics",    "value",     "limits",
     "format",   "prefix",    "labels",     "rows",      "children"};
 
+const std::vector<std::string> kModuleKeys = {
+    "name",     "kind",      "properties", "password_file",
+    "password_credential",   "timeout",    "cache_for", "params",
+    "table",    "regex",     "metrics",    "value",     "limits",
+    "format",   "prefix",    "labels",     "rows",      "children"};
 
 bool IsCollectorName(const std::string& name) {
   if (name.empty()) return false;
@@ -147,14 +152,17 @@ void ReadSchedule(YamlReader& reader, const YamlReader::Entry& entry,
 }
 
 void ReadEntry(YamlReader& reader, const YamlReader::Entry& entry,
-               CollectorConfig* collector) {
+               CollectorConfig* collector, ModuleConfig* module) {
   const std::string& key = entry.key;
   if (key == "name") {
     collector->name = reader.String(entry.value, key).value_or("");
     if (!IsCollectorName(collector->name)) {
-      reader.Problem(entry.value, "collector name '" + collector->name +
+      reader.Problem(entry.value, std::string(module ? "module" : "collector") +
+                                      " name '" + collector->name +
                                       "' is not [a-z0-9_]+");
     }
+  } else if (module != nullptr && (key == "params" || key == "cache_for")) {
+    ReadModuleEntry(reader, entry, module);
   } else if (key == "properties") {
     ReadProperties(reader, entry.value, collector);
   } else if (key == "password_file" || key == "password_credential") {
@@ -189,22 +197,25 @@ std::optional<CollectorKind> ReadKind(YamlReader& reader,
 
 // Without a command every run fails as an invalid request: say so at load.
 void CheckCommand(YamlReader& reader, const YAML::Node& node,
-                  const CollectorConfig& collector) {
+                  const CollectorConfig& collector, const char* noun) {
   for (const auto& [name, value] : collector.properties) {
     if (name == "command") return;
   }
-  reader.Problem(node, "a collector needs the property 'command'");
+  reader.Problem(node, std::string("a ") + noun + " needs the property 'command'");
 }
 
 }  // namespace
 
 std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                                              const YAML::Node& node,
-                                             Duration default_timeout) {
+                                             Duration default_timeout,
+                                             ModuleConfig* module) {
+  const char* noun = module != nullptr ? "module" : "collector";
   CollectorConfig collector;
   collector.where = reader.Where(node);
   collector.timeout = default_timeout;
-  const auto entries = reader.Entries(node, "collector", kCollectorKeys);
+  const auto entries =
+      reader.Entries(node, noun, module != nullptr ? kModuleKeys : kCollectorKeys);
   if (!node.IsMap()) return std::nullopt;
   const auto kind = ReadKind(reader, YamlReader::Find(entries, "kind"));
   if (kind) collector.kind = *kind;
@@ -214,10 +225,12 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
     return key == "name" || key == "format";
   };
   for (const auto& entry : entries) {
-    if (first(entry.key)) ReadEntry(reader, entry, &collector);
+    if (first(entry.key)) ReadEntry(reader, entry, &collector, module);
   }
   for (const auto& entry : entries) {
-    if (entry.key != "kind" && !first(entry.key)) ReadEntry(reader, entry, &collector);
+    if (entry.key != "kind" && !first(entry.key)) {
+      ReadEntry(reader, entry, &collector, module);
+    }
   }
   for (const char* required : {"name", "kind"}) {
     if (!YamlReader::Find(entries, required).IsDefined()) {
@@ -225,12 +238,13 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
     }
   }
   const bool interval = YamlReader::Find(entries, "interval").IsDefined();
-  if (interval == YamlReader::Find(entries, "on_scrape").IsDefined()) {
+  if (module == nullptr &&
+      interval == YamlReader::Find(entries, "on_scrape").IsDefined()) {
     reader.Problem(node, "a collector needs exactly one of 'interval' and "
                          "'on_scrape'");
   }
   if (!kind) return collector;
-  CheckCommand(reader, node, collector);
+  CheckCommand(reader, node, collector, noun);
   if (!CheckFormatKeys(reader, node, entries, &collector)) {
     CheckKindKeys(reader, node, entries, *kind);
   }

@@ -12,10 +12,18 @@
 namespace fetchlet::serve {
 
 // One entry of collectors, with the parts that read well; every problem is
-// reported. nullopt when the entry is not a mapping.
+// reported. nullopt when the entry is not a mapping. With module, the entry
+// is one of modules: no schedule, and its params and cache_for go there.
 std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                                              const YAML::Node& node,
-                                             Duration default_timeout);
+                                             Duration default_timeout,
+                                             ModuleConfig* module = nullptr);
+
+// A module's own keys (params, cache_for), read into *module.
+void ReadModuleEntry(YamlReader& reader, const YamlReader::Entry& entry,
+                     ModuleConfig* module);
+// The modules list; each module's properties use only declared params.
+void ReadModules(YamlReader& reader, const YAML::Node& node, Config* config);
 
 // Keys that only some kinds take, and those each kind requires.
 void CheckKindKeys(YamlReader& reader, const YAML::Node& node,

@@ -16,11 +16,15 @@
 
 #include "serve/http_server.h"
 #include "serve/meta_metrics.h"
+#include "serve/probe.h"
 
 namespace fetchlet::serve {
 namespace {
 
 constexpr double kDefaultScrapeTimeout = 10;
+// A scraper's timeout is read no longer than this: "inf" or "1e300" must
+// not overflow a deadline.
+constexpr double kLongestScrapeTimeout = 86400;
 // Left to the scraper to receive the body before its own deadline.
 constexpr double kScrapeMargin = 0.5;
 
@@ -31,6 +35,25 @@ constexpr std::size_t kDescriptorsPerEvaluation = 16;
 constexpr std::size_t kMaxConnections = 4096;
 
 SteadyTime ScrapeDeadline(const HttpRequest& request) {
+  const double seconds =
+      std::max(ScrapeTimeoutSeconds(request) - kScrapeMargin, 0.0);
+  return std::chrono::steady_clock::now() +
+         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+             std::chrono::duration<double>(seconds));
+}
+
+void ServeMetrics(const HttpRequest& request, HttpResponse& response,
+                  Scheduler& scheduler, bool last_reload_successful,
+                  const Prober* prober) {
+  const Format format = NegotiateFormat(std::string(request.Header("Accept")));
+  std::string body = RenderScrape(scheduler, last_reload_successful, format,
+                                   ScrapeDeadline(request), prober);
+  SetExposition(request, std::move(body), format, response);
+}
+
+}  // namespace
+
+double ScrapeTimeoutSeconds(const HttpRequest& request) {
   const std::string_view header =
       request.Header("X-Prometheus-Scrape-Timeout-Seconds");
   double seconds = kDefaultScrapeTimeout;
@@ -38,27 +61,21 @@ SteadyTime ScrapeDeadline(const HttpRequest& request) {
     double parsed = 0;
     const auto [end, error] =
         std::from_chars(header.data(), header.data() + header.size(), parsed);
-    if (error == std::errc() && parsed > 0) seconds = parsed;
+    if (error == std::errc() && parsed > 0) {
+      seconds = std::min(parsed, kLongestScrapeTimeout);  // NaN fails > 0
+    }
   }
-  seconds = std::max(seconds - kScrapeMargin, 0.0);
-  return std::chrono::steady_clock::now() +
-         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-             std::chrono::duration<double>(seconds));
+  return seconds;
 }
 
-void ServeMetrics(const HttpRequest& request, HttpResponse& response,
-                  Scheduler& scheduler, bool last_reload_successful) {
-  const Format format = NegotiateFormat(std::string(request.Header("Accept")));
-  std::string body = RenderScrape(scheduler, last_reload_successful, format,
-                                   ScrapeDeadline(request));
+void SetExposition(const HttpRequest& request, std::string body, Format format,
+                   HttpResponse& response) {
   if (AcceptsGzip(std::string(request.Header("Accept-Encoding")))) {
     body = Gzip(body);
     response.headers.emplace_back("Content-Encoding", "gzip");
   }
   response.Set(std::move(body), ContentType(format));
 }
-
-}  // namespace
 
 std::size_t ConnectionBudget(int evaluations) {
   rlimit limit{};
@@ -110,7 +127,8 @@ bool ParseListen(const std::string& listen, std::string* host, int* port) {
 }
 
 std::string RenderScrape(Scheduler& scheduler, bool last_reload_successful,
-                         Format format, SteadyTime deadline) {
+                         Format format, SteadyTime deadline,
+                         const Prober* prober) {
   scheduler.RefreshOnScrape(deadline);
   const std::vector<CollectorPtr> collectors = scheduler.collectors();
   std::vector<std::shared_ptr<const Snapshot>> snapshots;
@@ -126,17 +144,26 @@ std::string RenderScrape(Scheduler& scheduler, bool last_reload_successful,
                                                : snapshot->text);
   }
   const Families meta = MetaFamilies(collectors, last_reload_successful);
-  AppendFamilies({&meta}, format, &body);
+  const Families probes = prober != nullptr ? prober->MetaFamilies() : Families{};
+  AppendFamilies({&meta, &probes}, format, &body);
   if (format == Format::kOpenMetrics) body.append("# EOF\n");
   return body;
 }
 
 void AddRoutes(HttpServer& server, Scheduler& scheduler,
-               const std::atomic<bool>& last_reload_successful) {
-  server.Get("/metrics", [&](const HttpRequest& request,
-                             HttpResponse& response) {
-    ServeMetrics(request, response, scheduler, last_reload_successful.load());
+               const std::atomic<bool>& last_reload_successful,
+               Prober* prober) {
+  server.Get("/metrics", [&, prober](const HttpRequest& request,
+                                     HttpResponse& response) {
+    ServeMetrics(request, response, scheduler, last_reload_successful.load(),
+                 prober);
   });
+  if (prober != nullptr) {
+    server.Get("/probe", [prober](const HttpRequest& request,
+                                  HttpResponse& response) {
+      prober->Serve(request, response);
+    });
+  }
   server.Get("/healthz", [](const HttpRequest&, HttpResponse& response) {
     response.Set("ok\n", "text/plain; charset=utf-8");
   });

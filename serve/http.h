@@ -8,12 +8,14 @@
 #include <string>
 
 #include "serve/exposition.h"
+#include "serve/http_wire.h"
 #include "serve/schedule.h"
 #include "serve/web_config.h"
 
 namespace fetchlet::serve {
 
 class HttpServer;
+class Prober;
 
 // How many connections the listener may hold open: the soft limit on open
 // descriptors is raised to the hard one, and what evaluations may need
@@ -32,15 +34,27 @@ std::unique_ptr<HttpServer> MakeListener(const WebConfig& web,
 bool ParseListen(const std::string& listen, std::string* host, int* port);
 
 // The whole scrape body: every collector's last snapshot, then serve's own
-// families. on_scrape collectors are refreshed first, until deadline.
+// families (with the prober's, when there is one). on_scrape collectors are
+// refreshed first, until deadline.
 std::string RenderScrape(Scheduler& scheduler, bool last_reload_successful,
-                         Format format, SteadyTime deadline);
+                         Format format, SteadyTime deadline,
+                         const Prober* prober = nullptr);
+
+// The scraper's X-Prometheus-Scrape-Timeout-Seconds, 10 when it sends none
+// that reads as a positive number.
+double ScrapeTimeoutSeconds(const HttpRequest& request);
+
+// body, rendered in format, as the answer: gzipped when the request takes it.
+void SetExposition(const HttpRequest& request, std::string body, Format format,
+                   HttpResponse& response);
 
 // An HTML page: each collector's schedule, status, value age, last error.
 std::string StatusPage(const Scheduler& scheduler);
 
+// With a prober, /probe as well.
 void AddRoutes(HttpServer& server, Scheduler& scheduler,
-               const std::atomic<bool>& last_reload_successful);
+               const std::atomic<bool>& last_reload_successful,
+               Prober* prober = nullptr);
 
 }  // namespace fetchlet::serve
 

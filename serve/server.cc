@@ -7,6 +7,7 @@
 #include "qve/embedded.h"
 #include "serve/http.h"
 #include "serve/http_server.h"
+#include "serve/probe.h"
 
 namespace fetchlet::serve {
 
@@ -74,10 +75,25 @@ bool Server::Collectors(const Config& config, std::vector<CollectorPtr>* out) {
   return true;
 }
 
+bool Server::Modules(const Config& config, std::vector<ProbeModule>* out) const {
+  for (const ModuleConfig& module : config.modules) {
+    const auto entry_points = finder_(module.collector.kind);
+    if (!entry_points) {
+      spdlog::error("module {}: the plug-in lacks its fetchlet",
+                    module.collector.name);
+      return false;
+    }
+    out->push_back({module, *entry_points});
+  }
+  return true;
+}
+
 bool Server::Start(std::string* error) {
   config_ = Load();
   std::vector<CollectorPtr> collectors;
-  if (!config_ || !Collectors(*config_, &collectors)) {
+  std::vector<ProbeModule> modules;
+  if (!config_ || !Collectors(*config_, &collectors) ||
+      !Modules(*config_, &modules)) {
     *error = "cannot use configuration " + config_path_;
     return false;
   }
@@ -92,8 +108,11 @@ bool Server::Start(std::string* error) {
                           ? config_->max_concurrent
                           : static_cast<int>(std::thread::hardware_concurrency());
   scheduler_ = std::make_unique<Scheduler>(workers, config_->jitter);
-  max_connections_ = ConnectionBudget(workers);
   claims_->Configure(config_->collectors);
+  prober_ = std::make_unique<Prober>(config_->max_concurrent_probes);
+  prober_->SetModules(std::move(modules), config_->probe_timeout_offset);
+  max_connections_ =
+      ConnectionBudget(workers + config_->max_concurrent_probes);
   scheduler_->SetCollectors(std::move(collectors));
   const std::string listen =
       listen_override_.empty() ? config_->listen : listen_override_;
@@ -125,13 +144,18 @@ bool Server::Listen(const std::string& listen, std::string* error) {
     *error = "bad listen address '" + listen + "'";
     return false;
   }
-  if (!web_) return false;  // Start loads it first
+  if (!web_ || !config_) return false;  // Start loads them first
   http_ = MakeListener(*web_, max_connections_, error);
   if (!http_) return false;
+  // Probes run on the listener's workers: as many more as may run at once,
+  // so that /metrics always finds one free.
+  ListenerLimits limits = http_->limits();
+  limits.workers += config_->max_concurrent_probes;
+  http_->SetLimits(limits);
   if (!web_config_path_.empty()) {
     RequireBasicAuth(*http_, [this] { return auth(); });
   }
-  AddRoutes(*http_, *scheduler_, last_reload_successful_);
+  AddRoutes(*http_, *scheduler_, last_reload_successful_, prober_.get());
   std::string why;
   if (!http_->Bind(host_, port_, &why)) {
     *error = "cannot listen on " + listen + ": " + why;
@@ -144,9 +168,13 @@ bool Server::Listen(const std::string& listen, std::string* error) {
 
 std::string Server::Status() const {
   const size_t count = config_ ? config_->collectors.size() : 0;
+  const size_t modules = config_ ? config_->modules.size() : 0;
   return "serving " + std::to_string(count) +
-         (count == 1 ? " collector on " : " collectors on ") + host_ + ":" +
-         std::to_string(port_);
+         (count == 1 ? " collector" : " collectors") +
+         (modules == 0 ? std::string()
+                       : " and " + std::to_string(modules) +
+                             (modules == 1 ? " module" : " modules")) +
+         " on " + host_ + ":" + std::to_string(port_);
 }
 
 // Users may change at once; certificates are in the listener's TLS context,
@@ -174,7 +202,9 @@ bool Server::Reload() {
   const bool web_reloaded = ReloadWeb();
   std::optional<Config> config = Load();
   std::vector<CollectorPtr> collectors;
-  if (!config || !Collectors(*config, &collectors)) {
+  std::vector<ProbeModule> modules;
+  if (!config || !Collectors(*config, &collectors) ||
+      !Modules(*config, &modules)) {
     spdlog::error("reload of {} failed; the running configuration stays",
                   config_path_);
     last_reload_successful_ = false;
@@ -182,12 +212,16 @@ bool Server::Reload() {
   }
   if (config_ && (config->listen != config_->listen ||
                   config->max_concurrent != config_->max_concurrent ||
-                  config->jitter != config_->jitter)) {
-    spdlog::warn("listen, max_concurrent and jitter change only on restart");
+                  config->jitter != config_->jitter ||
+                  config->max_concurrent_probes !=
+                      config_->max_concurrent_probes)) {
+    spdlog::warn("listen, max_concurrent, max_concurrent_probes and jitter "
+                 "change only on restart");
   }
   qvehost::SetOutputLimit(config->output_limit);
   claims_->Configure(config->collectors);
   scheduler_->SetCollectors(std::move(collectors));
+  prober_->SetModules(std::move(modules), config->probe_timeout_offset);
   config_ = std::move(config);
   last_reload_successful_ = web_reloaded;
   spdlog::info("configuration {} reloaded", config_path_);
@@ -198,6 +232,7 @@ bool Server::Reload() {
 // at once instead of holding the listener until its deadline.
 void Server::Stop() {
   if (scheduler_) scheduler_->Stop();
+  if (prober_) prober_->Stop();
   if (http_) http_->Stop();
   if (listener_.joinable()) listener_.join();
 }

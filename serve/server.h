@@ -20,6 +20,8 @@
 namespace fetchlet::serve {
 
 class HttpServer;
+class Prober;
+struct ProbeModule;
 
 // The plug-in's entry points for a kind, or nullopt when it lacks them.
 using EntryPointFinder =
@@ -47,6 +49,7 @@ class Server {
   // "serving N collectors on HOST:PORT", for logs and the service manager.
   std::string Status() const;
   Scheduler& scheduler() { return *scheduler_; }
+  Prober& prober() { return *prober_; }
 
  private:
   std::optional<Config> Load();
@@ -56,6 +59,7 @@ class Server {
   bool ReloadWeb();
   std::shared_ptr<const BasicAuth> auth() const;
   bool Collectors(const Config& config, std::vector<CollectorPtr>* out);
+  bool Modules(const Config& config, std::vector<ProbeModule>* out) const;
 
   const std::string config_path_;
   const std::string listen_override_;
@@ -69,6 +73,7 @@ class Server {
   std::unique_ptr<Scheduler> scheduler_;
   // The family names each collector prints, across reloads.
   const std::shared_ptr<FamilyClaims> claims_ = std::make_shared<FamilyClaims>();
+  std::unique_ptr<Prober> prober_;
   std::unique_ptr<HttpServer> http_;
   std::thread listener_;
   std::atomic<bool> last_reload_successful_{true};
