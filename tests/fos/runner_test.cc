@@ -215,14 +215,22 @@ TEST_F(RunnerTest, HostileChildren) {
   close(leaked);
 }
 
-// A flood ends on the read-failure path once the host's limit is reached,
-// with the whole group gone (the log line: ContainmentTest).
+// A flood on either stream ends on the read-failure path once the host's
+// limit is reached, with the whole group gone (the host's log line:
+// ContainmentTest).
 TEST_F(RunnerTest, FloodPastTheOutputLimitIsARunFailure) {
   const uint64_t saved = qvehost::OutputLimit();
   qvehost::SetOutputLimit(uint64_t{1} << 20);
-  const Json outcome = RunShell(context_, "sleep 30 & exec yes 0123456789",
-                                {.timeoutSeconds = 30});
-  EXPECT_EQ(outcome.value("kind", 0), kRunFailed) << outcome.dump();
+  const std::pair<const char*, const char*> floods[] = {
+      {"sleep 30 & exec yes 0123456789",
+       "Unable to read output from command execution"},
+      {"sleep 30 & exec yes 0123456789 >&2",
+       "Unable to read stderr from command execution"},
+  };
+  for (const auto& [script, message] : floods) {
+    EXPECT_EQ(RunShell(context_, script, {.timeoutSeconds = 30}),
+              Failed(kRunFailed, message));
+  }
   qvehost::SetOutputLimit(saved);
 }
 
