@@ -15,6 +15,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "qve/host.h"
@@ -24,11 +26,17 @@ namespace qvetest {
 using ProcessPtr =
     std::unique_ptr<sqvejcp_Process, decltype(&sqvejcp_Process_delete)>;
 
+// strings as the null-terminated array exec takes; they must outlive it.
+inline std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (std::string& s : strings) pointers.push_back(s.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
 // argv started with all three pipes; standard input stays open.
 inline ProcessPtr StartPiped(std::vector<std::string> argv) {
-  std::vector<char*> args;
-  for (std::string& arg : argv) args.push_back(arg.data());
-  args.push_back(nullptr);
+  std::vector<char*> args = Pointers(argv);
   ProcessPtr process(
       sqvejcp_Process_new_argv_envp(
           nullptr, args.data(), static_cast<int32_t>(argv.size()), nullptr, 0),
@@ -37,13 +45,49 @@ inline ProcessPtr StartPiped(std::vector<std::string> argv) {
   return process;
 }
 
+// The last write's result: a byte count, or the failure code.
+inline int32_t WriteAll(sqvejcp_Process* process, std::string_view input) {
+  int32_t n = 0;
+  while (!input.empty() && (n = sqvejcp_Process_stdin_write(
+                                process, input.data(),
+                                static_cast<uint32_t>(input.size()))) > 0) {
+    input.remove_prefix(static_cast<size_t>(n));
+  }
+  return n;
+}
+
+// -1 also when getExitValue reports failure, as it must then.
+inline int32_t ExitValue(sqvejcp_Process* process) {
+  int32_t exit_value = 0;
+  const int32_t rc = sqvejcp_Process_getExitValue(process, &exit_value);
+  EXPECT_EQ(rc != 0, exit_value == -1);
+  return exit_value;
+}
+
+// Writes the input, reads standard output to its end and waits: the exit
+// value and the output.
+inline std::pair<int32_t, std::string> RunToEnd(std::vector<std::string> argv,
+                                                std::string_view input = {}) {
+  ProcessPtr process = StartPiped(std::move(argv));
+  WriteAll(process.get(), input);
+  sqvejcp_Process_stdin_close(process.get());
+  std::string out;
+  char buffer[8207];
+  int32_t n;
+  while ((n = sqvejcp_Process_stdout_read(process.get(), buffer,
+                                          sizeof buffer)) > 0) {
+    out.append(buffer, static_cast<size_t>(n));
+  }
+  EXPECT_EQ(n, QVE_END_OF_STREAM);
+  EXPECT_EQ(sqvejcp_Process_blocking_wait(process.get()), 0);
+  return {ExitValue(process.get()), out};
+}
+
 // Starts argv with standard output written to the file out and standard
 // error to err (one file when they are the same path); -1 when it cannot.
 inline pid_t SpawnWithOutput(std::vector<std::string> argv,
                              const std::string& out, const std::string& err) {
-  std::vector<char*> args;
-  for (std::string& arg : argv) args.push_back(arg.data());
-  args.push_back(nullptr);
+  std::vector<char*> args = Pointers(argv);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;

@@ -4,16 +4,11 @@
 #define QVE_TESTS_COMMON_RUN_SUPPORT_H_
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <optional>
-#include <set>
 #include <thread>
 
 #include "common/result_json.h"
@@ -201,16 +196,6 @@ class Aborter {
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
-
-// The launcher's account, or null with *reason set when this process cannot
-// make one or run the launcher.
-inline const TestAccount* LauncherAccount(std::string* reason) {
-  *reason = LauncherSkipReason();
-  if (!reason->empty()) return nullptr;
-  const TestAccount* account = AccountStore::Get().Shared();
-  if (account == nullptr) *reason = "cannot make a test account";
-  return account;
-}
 
 // text with every "{user}" replaced by name.
 inline std::string WithUser(std::string text, const std::string& name) {

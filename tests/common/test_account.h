@@ -125,6 +125,16 @@ class AccountStore : public testing::Environment {
   const TestAccount* shared_ = nullptr;
 };
 
+// The launcher's account, or null with *reason set when this process cannot
+// make one or run the launcher.
+inline const TestAccount* LauncherAccount(std::string* reason) {
+  *reason = LauncherSkipReason();
+  if (!reason->empty()) return nullptr;
+  const TestAccount* account = AccountStore::Get().Shared();
+  if (account == nullptr) *reason = "cannot make a test account";
+  return account;
+}
+
 // Pids of the processes whose /proc directory satisfies shows.
 inline std::vector<int> ProcessesWhere(
     const std::function<bool(const std::string&)>& shows) {

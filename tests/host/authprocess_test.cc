@@ -1,16 +1,11 @@
 // The authenticated process family with the real launcher, as root with a
 // throw-away account: what the plug-in's runner does not check.
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <fstream>
 #include <string>
 #include <tuple>
@@ -30,10 +25,9 @@ constexpr char kBadConfig[] = "Launcher configuration is not valid";
 class AuthProcessTest : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string reason = LauncherSkipReason();
-    if (!reason.empty()) GTEST_SKIP() << reason;
-    account_ = AccountStore::Get().Shared();
-    if (account_ == nullptr) GTEST_SKIP() << "cannot make a test account";
+    std::string reason;
+    account_ = LauncherAccount(&reason);
+    if (account_ == nullptr) GTEST_SKIP() << reason;
   }
   ~AuthProcessTest() override {
     qvehost::SetLauncherPath("");
@@ -53,41 +47,20 @@ class AuthProcessTest : public testing::Test {
 };
 
 // A refusal is the launcher's exact text and its status 125, and runs
-// nothing; a command it could not execute fails the start.
+// nothing (its other refusals: LauncherAttackTest); a command it could not
+// execute fails the start.
 TEST_F(AuthProcessTest, StartsTheCommandOrSaysWhyNot) {
   const std::string right = account_->password;
-  // clang-format off
-  const struct {
-    std::string user, password;
-    Strings argv;
-    bool expired;
-    Finished want;
-  } cases[] = {
-      {"", right, {"sh", "-c", "exit 3"}, false, {true, "", "", 3}},
-      {"", "not-" + right, {"/bin/true"}, false,
-       {true, kWrongPassword, "", 125}},
-      {"qvel-nobody-here", right, {"/bin/true"}, false,
-       {true, "Authentication failed: unknown user", "", 125}},
-      {"root", right, {"/bin/true"}, false,
-       {true, "Running commands as root is not permitted", "", 125}},
-      {"", right, {"/bin/true"}, true,
-       {true, "Account expired or not permitted", "", 125}},
-      {"", right, {"/no/such/command"}, false,
-       {false, "Command not found", "", -1}},
-      {"", right, {"/etc/passwd"}, false,
-       {false, "Command not executable", "", -1}},
+  const std::tuple<Strings, std::string, Finished> cases[] = {
+      {{"sh", "-c", "exit 3"}, right, {true, "", "", 3}},
+      {{"/bin/true"}, "not-" + right, {true, kWrongPassword, "", 125}},
+      {{"/no/such/command"}, right, {false, "Command not found", "", -1}},
+      {{"/etc/passwd"}, right, {false, "Command not executable", "", -1}},
   };
-  // clang-format on
-  for (const auto& c : cases) {
-    if (c.expired) {
-      ASSERT_TRUE(Shell("chage -E 0 " + account_->name));
-    }
-    EXPECT_EQ(RunToEnd(c.argv, c.password, nullptr, c.user).Tuple(),
-              c.want.Tuple())
-        << c.want.text;
-    if (c.expired) Shell("chage -E -1 " + account_->name);
-    EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{});
+  for (const auto& [argv, password, want] : cases) {
+    EXPECT_EQ(RunToEnd(argv, password).Tuple(), want.Tuple()) << want.text;
   }
+  EXPECT_EQ(ProcessesOf(account_->uid), std::vector<int>{});
 }
 
 // The script has no "#!": it runs through the shell. Its files belong to the
@@ -266,7 +239,8 @@ TEST_F(AuthProcessTest, EmergencyStopLeavesNothingOfTheCommand) {
       {"echo; exec sleep 60", true},
   };
   for (const auto& c : cases) {
-    const std::string left = InSubreaper([&] {
+    const std::string left = InChild([&] {
+      prctl(PR_SET_CHILD_SUBREAPER, 1);
       const pid_t host = fork();
       if (host == 0) {
         qvejcap_Process* process = New(context_, {"sh", "-c", c.script},
@@ -277,7 +251,11 @@ TEST_F(AuthProcessTest, EmergencyStopLeavesNothingOfTheCommand) {
           _exit(1);
         }
         if (c.kill_launcher) {
-          kill(FirstChild(), SIGKILL);
+          // The launcher is the host's only child.
+          const std::string self = std::to_string(getpid());
+          kill(std::atoi(FileBytes("/proc/" + self + "/task/" + self +
+                                   "/children").c_str()),
+               SIGKILL);
         } else {
           qvehost::KillRunningCommands();
         }

@@ -27,9 +27,12 @@
 namespace {
 
 using Strings = std::vector<std::string>;
+using qvetest::ExitValue;
 using qvetest::ProcessPtr;
+using qvetest::RunToEnd;
 using qvetest::StartPiped;
-
+constexpr char kNoCgroups[] =
+    "no writable cgroup v2 hierarchy: process groups only";
 
 // The first line of standard output: the pid a descendant printed.
 pid_t ReadPid(sqvejcp_Process* process) {
@@ -52,12 +55,6 @@ bool Gone(pid_t pid) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return false;
-}
-
-int32_t ExitValue(sqvejcp_Process* process) {
-  int32_t exit_value = -1;
-  sqvejcp_Process_getExitValue(process, &exit_value);
-  return exit_value;
 }
 
 class ContainmentTest : public testing::Test {
@@ -83,9 +80,7 @@ class ContainmentTest : public testing::Test {
 // Descendants that left the command's process group and session: only the
 // cgroup reaches them, whatever ends the run.
 TEST_F(ContainmentTest, EscapedDescendantsEndWithTheRun) {
-  if (!qvehost::CgroupContainment()) {
-    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
-  }
+  if (!qvehost::CgroupContainment()) GTEST_SKIP() << kNoCgroups;
   const std::string hold = "echo $$; exec sleep 100 >/dev/null 2>&1";
   const Strings escapes[] = {
       {"sh", "-c", "setsid sh -c '" + hold + "' &"},
@@ -119,9 +114,7 @@ TEST_F(ContainmentTest, EscapedDescendantsEndWithTheRun) {
 
 // Ending one evaluation reaches its escaped descendants, not another's.
 TEST_F(ContainmentTest, EndingAnEvaluationEndsItsWholeTree) {
-  if (!qvehost::CgroupContainment()) {
-    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
-  }
+  if (!qvehost::CgroupContainment()) GTEST_SKIP() << kNoCgroups;
   const Strings argv = {
       "sh", "-c",
       "setsid sh -c 'echo $$; exec sleep 100 >/dev/null 2>&1' & exec sleep 100"};
@@ -231,21 +224,6 @@ TEST_F(ContainmentTest, ClockIgnoresSystemClockSteps) {
 
 // ---- Pooled cgroups, limits and figures -------------------------------------
 
-// Standard output of argv run to its end, and its exit value.
-std::pair<std::string, int32_t> RunToEnd(const Strings& argv) {
-  ProcessPtr process = StartPiped(argv);
-  sqvejcp_Process_stdin_close(process.get());
-  std::string out;
-  char buffer[4096];
-  int32_t n;
-  while ((n = sqvejcp_Process_stdout_read(process.get(), buffer,
-                                          sizeof buffer)) > 0) {
-    out.append(buffer, static_cast<size_t>(n));
-  }
-  sqvejcp_Process_blocking_wait(process.get());
-  return {out, ExitValue(process.get())};
-}
-
 // Prints the run's own cgroup, the processes in it and its limits, found
 // as the host finds them (mountinfo and /proc/self/cgroup).
 constexpr char kShowCgroup[] =
@@ -268,9 +246,7 @@ std::vector<std::string> Lines(const std::string& text) {
 // the next run in its cgroup: the next one finds only itself, no limit, and
 // figures of its own.
 TEST_F(ContainmentTest, PooledCgroupCarriesNothingIntoTheNextRun) {
-  if (!qvehost::CgroupContainment()) {
-    GTEST_SKIP() << "no writable cgroup v2 hierarchy: process groups only";
-  }
+  if (!qvehost::CgroupContainment()) GTEST_SKIP() << kNoCgroups;
   qvehost::RunLimits limits;
   limits.pids = 64;
   limits.memory_bytes = 256u << 20;
@@ -287,14 +263,14 @@ TEST_F(ContainmentTest, PooledCgroupCarriesNothingIntoTheNextRun) {
     {
       std::unique_ptr<qvehost::RunLimitsScope> scope;
       if (limited) scope = std::make_unique<qvehost::RunLimitsScope>(limits);
-      first = Lines(RunToEnd({"sh", "-c", script}).first);
+      first = Lines(RunToEnd({"sh", "-c", script}).second);
     }
     const qvehost::RunResources spent = qvehost::TakeRunResources();
     ASSERT_GE(first.size(), 2u) << name;
     if (limited) {
       EXPECT_EQ(first.at(2), "64") << name;
     }
-    const auto [out, exit_value] = RunToEnd({"sh", "-c", kShowCgroup});
+    const auto [exit_value, out] = RunToEnd({"sh", "-c", kShowCgroup});
     const qvehost::RunResources next = qvehost::TakeRunResources();
     const std::vector<std::string> lines = Lines(out);
     ASSERT_GE(lines.size(), 2u) << name << ": " << out;
@@ -367,7 +343,7 @@ TEST_F(ContainmentTest, HostileCommandsMeetTheirLimits) {
     qvehost::LogCapture capture;
     {
       qvehost::RunLimitsScope scope(c.limits);
-      const auto [out, exit_value] = RunToEnd({"sh", "-c", c.script});
+      const auto [exit_value, out] = RunToEnd({"sh", "-c", c.script});
       if (c.dies) {
         EXPECT_EQ(out.find("survived"), std::string::npos) << c.name;
         EXPECT_NE(exit_value, 0) << c.name;
@@ -380,7 +356,7 @@ TEST_F(ContainmentTest, HostileCommandsMeetTheirLimits) {
     ASSERT_FALSE(errors.empty()) << c.name;
     EXPECT_NE(errors[0].find(c.log), std::string::npos) << errors[0];
   }
-  EXPECT_EQ(RunToEnd({"sh", "-c", "echo fine"}).first, "fine\n");
+  EXPECT_EQ(RunToEnd({"sh", "-c", "echo fine"}).second, "fine\n");
 }
 
 // A spinner under a fifth of a core gets about that: its CPU seconds per

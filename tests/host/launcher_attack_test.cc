@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -41,10 +40,9 @@ bool HasCapability(int bit) {
 class LauncherAttackTest : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string reason = LauncherSkipReason();
-    if (!reason.empty()) GTEST_SKIP() << reason;
-    account_ = AccountStore::Get().Shared();
-    if (account_ == nullptr) GTEST_SKIP() << "cannot make a test account";
+    std::string reason;
+    account_ = LauncherAccount(&reason);
+    if (account_ == nullptr) GTEST_SKIP() << reason;
     launcher_ = SetuidLauncherCopy(dir_);
     ASSERT_NE(launcher_, "");
   }

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/processes.h"
 #include "common/test_account.h"
 #include "qve/embedded.h"
 #include "qve/host.h"
@@ -28,13 +29,6 @@
 namespace qvetest {
 
 using Strings = std::vector<std::string>;
-
-inline std::vector<char*> Pointers(Strings& strings) {
-  std::vector<char*> pointers;
-  for (std::string& s : strings) pointers.push_back(s.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
 
 // The host copies the arrays: they need not outlive the call.
 inline qvejcap_Process* New(qvefet_Context* context, Strings argv,
@@ -84,6 +78,17 @@ inline Finished RunToEnd(qvefet_Context* context, Strings argv,
   return f;
 }
 
+// The rest of fd, which is closed.
+inline std::string ReadToEnd(int fd) {
+  std::string text;
+  char chunk[512];
+  for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) {
+    text.append(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  return text;
+}
+
 // What body reports, run in a forked child (its exit status is 0 when it
 // reported at all).
 inline std::string InChild(const std::function<std::string()>& body) {
@@ -98,12 +103,7 @@ inline std::string InChild(const std::function<std::string()>& body) {
     _exit(written ? 0 : 1);
   }
   close(report[1]);
-  std::string text;
-  char chunk[512];
-  for (ssize_t n; (n = read(report[0], chunk, sizeof chunk)) > 0;) {
-    text.append(chunk, static_cast<size_t>(n));
-  }
-  close(report[0]);
+  const std::string text = ReadToEnd(report[0]);
   int status = -1;
   waitpid(pid, &status, 0);
   return status == 0 ? text : "child failed: " + text;
@@ -147,16 +147,6 @@ struct LaunchOutcome {
 
   Seen Tuple() const { return {verdict, out, status}; }
 };
-
-inline std::string ReadToEnd(int fd) {
-  std::string text;
-  char chunk[512];
-  for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) {
-    text.append(chunk, static_cast<size_t>(n));
-  }
-  close(fd);
-  return text;
-}
 
 // In the child: from onto to, without close-on-exec; from is above 4.
 inline bool MoveTo(int from, int to) { return dup2(from, to) == to; }
@@ -243,21 +233,6 @@ inline std::string AsNobody(const std::function<std::string()>& body) {
     }
     return body();
   });
-}
-
-// What body reports, run in a child that adopts the orphans of its
-// descendants.
-inline std::string InSubreaper(const std::function<std::string()>& body) {
-  return InChild([&] {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
-    return body();
-  });
-}
-
-inline pid_t FirstChild() {
-  const std::string self = std::to_string(getpid());
-  return std::atoi(
-      FileBytes("/proc/" + self + "/task/" + self + "/children").c_str());
 }
 
 // Reaps host and every orphan until no process of uid is left: "" then, or

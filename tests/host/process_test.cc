@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -26,15 +25,16 @@
 
 namespace {
 
+using qvetest::ExitValue;
 using qvetest::OpenDescriptors;
-
+using qvetest::RunToEnd;
+using qvetest::WriteAll;
 using Strings = std::vector<std::string>;
 using Kinds = std::vector<uint32_t>;
 using qvetest::ProcessPtr;
 using qvetest::StartPiped;
 using MuxPtr =
     std::unique_ptr<sqvejcx_IOMuxor, decltype(&sqvejcx_IOMuxor_delete)>;
-
 
 // A multiplexer watching the process's output streams.
 MuxPtr Watch(sqvejcp_Process* process) {
@@ -53,50 +53,6 @@ Kinds Select(sqvejcx_IOMuxor* mux, int32_t bound_ms) {
   for (uint32_t i = 0; i < count; ++i) kinds.push_back(channels[i].streamKind);
   sqvejcx_IOMuxor_freeChannels(channels);
   return kinds;
-}
-
-// The last write's result: a byte count, or the failure code.
-int32_t WriteAll(sqvejcp_Process* process, std::string_view input) {
-  int32_t n = 0;
-  while (!input.empty() && (n = sqvejcp_Process_stdin_write(
-                                process, input.data(),
-                                static_cast<uint32_t>(input.size()))) > 0) {
-    input.remove_prefix(static_cast<size_t>(n));
-  }
-  return n;
-}
-
-// -1 also when getExitValue reports failure, as it must then.
-int32_t ExitValue(sqvejcp_Process* process) {
-  int32_t exit_value = 0;
-  const int32_t rc = sqvejcp_Process_getExitValue(process, &exit_value);
-  EXPECT_EQ(rc != 0, exit_value == -1);
-  return exit_value;
-}
-
-// Writes the input, reads standard output to its end and waits: the exit
-// value and the output.
-std::pair<int32_t, std::string> RunToEnd(Strings argv, std::string_view input) {
-  ProcessPtr process = StartPiped(std::move(argv));
-  WriteAll(process.get(), input);
-  sqvejcp_Process_stdin_close(process.get());
-  std::string out;
-  char buffer[8207];
-  int32_t n;
-  while ((n = sqvejcp_Process_stdout_read(process.get(), buffer,
-                                          sizeof buffer)) > 0) {
-    out.append(buffer, static_cast<size_t>(n));
-  }
-  EXPECT_EQ(n, QVE_END_OF_STREAM);
-  EXPECT_EQ(sqvejcp_Process_blocking_wait(process.get()), 0);
-  return {ExitValue(process.get()), out};
-}
-
-// Without SA_RESTART, so that a handled signal interrupts what it meets.
-void SetDisposition(int sig, void (*handler)(int)) {
-  struct sigaction action = {};
-  action.sa_handler = handler;
-  sigaction(sig, &action, nullptr);
 }
 
 class ProcessTest : public testing::Test {
@@ -173,7 +129,7 @@ TEST_F(ProcessTest, KillAndDeleteLeaveNothingBehind) {
 // SIGPIPE the write raises is taken back; one the thread already had pending
 // is not the host's to take.
 TEST_F(ProcessTest, GoneReaderGivesWriteFailureAndOnlyAForeignSigpipeStays) {
-  SetDisposition(SIGPIPE, SIG_DFL);
+  signal(SIGPIPE, SIG_DFL);
   sigset_t pipe_set, old, pending;
   sigemptyset(&pipe_set);
   sigaddset(&pipe_set, SIGPIPE);
@@ -191,29 +147,6 @@ TEST_F(ProcessTest, GoneReaderGivesWriteFailureAndOnlyAForeignSigpipeStays) {
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     EXPECT_EQ(sqvejcp_Process_blocking_wait(process.get()), 0);
   }
-}
-
-// Signals without SA_RESTART hit the thread all through a run: every wait,
-// read and write (draining included) must carry on.
-TEST_F(ProcessTest, InterruptedCallsAreRetried) {
-  SetDisposition(SIGUSR1, [](int) {});
-  const pthread_t target = pthread_self();
-  std::atomic<bool> stop{false};
-  std::thread interrupter([&] {
-    while (!stop.load()) {
-      pthread_kill(target, SIGUSR1);
-      std::this_thread::sleep_for(std::chrono::microseconds(300));
-    }
-  });
-  ProcessPtr sleeper = StartPiped({"sleep", "0.2"});
-  Select(Watch(sleeper.get()).get(), 5000);  // ends while the wait goes on
-  const std::string input(1 << 20, 'y');
-  const auto [exit, out] = RunToEnd({"sh", "-c", "sleep 0.2; cat"}, input);
-  stop = true;
-  interrupter.join();
-  SetDisposition(SIGUSR1, SIG_DFL);
-  EXPECT_EQ(exit, 0);
-  EXPECT_TRUE(out == input);
 }
 
 // The command first writes more than a pipe holds, then reads its standard

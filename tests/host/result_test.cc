@@ -15,18 +15,12 @@ namespace {
 using Json = nlohmann::json;
 using Row = qvedrvr_ValueRow*;
 
-Row NewRow(std::initializer_list<const char*> texts) {
-  Row row = qvedrvr_ValueRow_new();
-  int32_t column = 0;
-  for (const char* text : texts) {
-    qvedrvr_ValueRow_setStringValue(row, column++, text);
-  }
-  return row;
-}
-
-qvedrmv_MetricValue* Nested(std::initializer_list<Row> rows) {
+// A table value of rows as result_json.h writes them.
+qvedrmv_MetricValue* Nested(const Json& rows) {
   qveuv_Vector* vector = qveuv_Vector_new();
-  for (Row row : rows) qveuv_Vector_addElement(vector, row);
+  for (const Json& row : rows) {
+    qveuv_Vector_addElement(vector, qvetest::NewRow(row));
+  }
   qvedrmv_MetricValue* value = qvedrmv_MetricValue_new();
   qvedrmv_setNestedRows(value, vector);
   return value;
@@ -46,16 +40,17 @@ TEST(ResultTest, CellsShowTheLastSettingOfEachColumn) {
                     text(r, 1, nullptr); }, R"(["b",null])"},
       {[=](Row r) {
          text(r, 0, "o");
-         value(r, 1, Nested({NewRow({"x", nullptr}), NewRow({})}));
+         value(r, 1, Nested(R"([["x",null],[]])"_json));
        },
        R"(["o",{"rows":[["x",null],[]]}])"},
       {[=](Row r) {
-         value(r, 0, Nested({NewRow({"gone"})})); text(r, 0, "new");
-         value(r, 1, Nested({NewRow({"n"})})); value(r, 1, Nested({}));
-         value(r, 2, Nested({NewRow({"gone"})})); value(r, 2, nullptr);
+         value(r, 0, Nested(R"([["gone"]])"_json)); text(r, 0, "new");
+         value(r, 1, Nested(R"([["n"]])"_json));
+         value(r, 1, Nested(Json::array()));
+         value(r, 2, Nested(R"([["gone"]])"_json)); value(r, 2, nullptr);
        }, R"(["new",{"rows":[]},null])"},
       {[=](Row r) {
-         qvedrmv_MetricValue* kept = Nested({NewRow({"k"})});
+         qvedrmv_MetricValue* kept = Nested(R"([["k"]])"_json);
          value(r, 1, kept); text(r, 0, "s"); value(r, 1, kept);
        }, R"(["s",{"rows":[["k"]]}])"},
   };
@@ -107,8 +102,9 @@ TEST(ResultTest, RowsKeepTheirCellsWhateverTheRowsBefore) {
 TEST(ResultTest, RefusedResultIsNullAndOwnerlessHandOversAreReleased) {
   qvehost::RefuseMetricResult(true);
   EXPECT_EQ(qvedrmr_MetricResult_new(), nullptr);
-  qvedrmr_MetricResult_addValueRow(nullptr, NewRow({"a"}));
-  qvedrvr_ValueRow_setMetricValue(nullptr, 0, Nested({NewRow({"b"})}));
+  qvedrmr_MetricResult_addValueRow(nullptr,
+                                   qvetest::NewRow(Json::array({"a"})));
+  qvedrvr_ValueRow_setMetricValue(nullptr, 0, Nested(R"([["b"]])"_json));
   qvedrmv_setNestedRows(nullptr, qveuv_Vector_new());
   EXPECT_TRUE(qvehost::LiveBlocks().empty()) << qvehost::DescribeLiveBlocks();
 }
