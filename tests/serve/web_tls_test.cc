@@ -1,26 +1,17 @@
 // A real TLS server set up from a web configuration, asked by curl with and
-// without client certificates and credentials.
-#include <arpa/inet.h>
-#include <fcntl.h>
+// without client certificates and credentials. Debian's Prometheus scraping
+// with its certificate and password is the package check's (production.sh),
+// on the service as the README sets it up.
 #include <gtest/gtest.h>
-#include <httplib.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 
-#include "common/processes.h"
 #include "serve/http_server.h"
 #include "serve/web_config.h"
 #include "tests/serve/serve_wire_support.h"
@@ -135,92 +126,6 @@ TEST_F(WebTlsTest, ATls12SessionWithAClientCertificateResumes) {
       client + "-sess_in session.pem </dev/null 2>&1 | grep -q '^Reused'";
   ASSERT_EQ(std::system((first + " >/dev/null 2>&1").c_str()), 0);
   EXPECT_EQ(std::system(second.c_str()), 0);
-}
-
-// Debian's Prometheus, started on a free port with its own data folder,
-// scraping the server with each configured job; stopped by its process id.
-class Prometheus {
- public:
-  Prometheus(const std::string& dir, const std::string& jobs) {
-    const std::string config = dir + "/prometheus.yml";
-    std::ofstream(config) << "global: {scrape_interval: 1s}\n"
-                          << "scrape_configs:\n"
-                          << jobs;
-    port_ = qvetest::FreePort();
-    std::vector<std::string> args = {
-        "/usr/bin/prometheus", "--config.file=" + config,
-        "--storage.tsdb.path=" + dir + "/data",
-        "--web.listen-address=127.0.0.1:" + std::to_string(port_)};
-    pid_ = qvetest::SpawnWithOutput(args, "/dev/null", "/dev/null");
-  }
-  ~Prometheus() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-  }
-
-  bool Started() const { return pid_ > 0; }
-
-  // Each job's health and last error, once every job has been scraped;
-  // empty when that did not happen within a minute.
-  std::map<std::string, std::string> Targets() {
-    for (int attempt = 0; attempt < 120; ++attempt) {
-      std::map<std::string, std::string> health;
-      nlohmann::json targets = Get("/api/v1/targets")["data"]["activeTargets"];
-      for (const auto& t : targets) {
-        if (t["health"] == "unknown") break;
-        health[t["labels"]["job"]] = t["health"].get<std::string>() + " " +
-                                     t["lastError"].get<std::string>();
-      }
-      if (!health.empty() && health.size() == targets.size()) return health;
-      usleep(500000);
-    }
-    return {};
-  }
-
- private:
-  nlohmann::json Get(const std::string& path) {
-    httplib::Client client("127.0.0.1", port_);
-    client.set_connection_timeout(2);
-    client.set_read_timeout(10);
-    httplib::Result result = client.Get(path);
-    if (!result || result->status != 200) return nlohmann::json::object();
-    return nlohmann::json::parse(result->body, nullptr, false);
-  }
-
-  pid_t pid_ = -1;
-  int port_ = 0;
-};
-
-TEST_F(WebTlsTest, PrometheusScrapesWithItsCertificateAndPassword) {
-  if (access("/usr/bin/prometheus", X_OK) != 0) GTEST_SKIP() << "no prometheus";
-  Start(Tls("RequireAndVerifyClientCert", "  client_ca_file: ca.crt\n"));
-  std::ofstream(dir_ + "/password") << "s3cret pass";
-  const std::string target =
-      "    static_configs: [{targets: ['localhost:" + std::to_string(port_) +
-      "']}]\n";
-  const std::string tls =
-      "    scheme: https\n    tls_config:\n"
-      "      ca_file: " +
-      dir_ + "/ca.crt\n";
-  const std::string cert = "      cert_file: " + dir_ + "/client.crt\n" +
-                           "      key_file: " + dir_ + "/client.key\n";
-  const std::string auth =
-      "    basic_auth: {username: alice, password_file: " + dir_ +
-      "/password}\n";
-  Prometheus prometheus(
-      dir_, "  - job_name: full\n" + tls + cert + auth + target +
-                "  - job_name: no_password\n" + tls + cert + target +
-                "  - job_name: no_certificate\n" + tls + auth + target);
-  ASSERT_TRUE(prometheus.Started());
-  const std::map<std::string, std::string> targets = prometheus.Targets();
-  ASSERT_EQ(targets.size(), 3u);
-  EXPECT_EQ(targets.at("full"), "up ");
-  EXPECT_EQ(targets.at("no_password"),
-            "down server returned HTTP status 401 Unauthorized");
-  EXPECT_TRUE(targets.at("no_certificate").starts_with("down "))
-      << targets.at("no_certificate");
 }
 
 }  // namespace
