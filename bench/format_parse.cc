@@ -48,20 +48,20 @@ std::string NagiosOutput() {
 }
 
 struct JsonInput {
-  JsonSpec spec;
+  JsonSpec layout;
   std::vector<MetricDefinition> metrics;
   std::string text;
 };
 
 JsonInput MakeJsonInput() {
   JsonInput input;
-  input.spec.rows = "/devices";
+  input.layout.rows = "/devices";
   MetricDefinition metric;
   metric.name = "bench_value_bytes";
   metric.help = "A value.";
-  metric.value.column = JsonColumn(&input.spec, "/size");
-  metric.labels = {{"device", JsonColumn(&input.spec, "/name")},
-                   {"mountpoint", JsonColumn(&input.spec, "/mountpoint")}};
+  metric.value.column = JsonColumn(&input.layout, "/size");
+  metric.labels = {{"device", JsonColumn(&input.layout, "/name")},
+                   {"mountpoint", JsonColumn(&input.layout, "/mountpoint")}};
   input.metrics.push_back(metric);
   std::string text = "{\"devices\": [";
   for (int i = 0; i < kSeries; ++i) {
@@ -90,7 +90,7 @@ int main() {
       [&] { sink += RenderExposition({model}, Format::kText).size(); },
       [&] { sink += ParsePrometheus(text, {}).families.size(); },
       [&] { sink += ParseNagios(nagios, {"bench"}).families.size(); },
-      [&] { sink += ParseJson(json.text, json.spec, json.metrics).families.size(); }};
+      [&] { sink += ParseJson(json.text, json.layout, json.metrics).families.size(); }};
   std::vector<std::vector<double>> times(steps.size());
   for (int round = 0; round < kRounds; ++round) {
     for (size_t i = 0; i < steps.size(); ++i) {

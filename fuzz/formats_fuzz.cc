@@ -25,14 +25,14 @@ using qvefuzz::Check;
 // lsblk's shape: rows, children, a label and a value by pointer.
 const std::pair<JsonSpec, std::vector<MetricDefinition>>& JsonFormat() {
   static const auto format = [] {
-    JsonSpec spec{"/blockdevices", "/children", {}};
+    JsonSpec layout{"/blockdevices", "/children", {}};
     MetricDefinition metric;
     metric.name = "disk_size_bytes";
     metric.help = "Size.";
     metric.unit = "bytes";
-    metric.value.column = JsonColumn(&spec, "/size");
-    metric.labels = {{"device", JsonColumn(&spec, "/name")}};
-    return std::make_pair(spec, std::vector<MetricDefinition>{metric});
+    metric.value.column = JsonColumn(&layout, "/size");
+    metric.labels = {{"device", JsonColumn(&layout, "/name")}};
+    return std::make_pair(layout, std::vector<MetricDefinition>{metric});
   }();
   return format;
 }

@@ -59,11 +59,11 @@ std::optional<std::string> CellText(const Json& value) {
 
 class RowReader {
  public:
-  RowReader(const JsonSpec& spec, const std::vector<MetricDefinition>& metrics,
+  RowReader(const JsonSpec& layout, const std::vector<MetricDefinition>& metrics,
             Parsed* parsed)
-      : metrics_(metrics), names_(spec.cells), parsed_(*parsed) {
-    for (const std::string& cell : spec.cells) columns_.emplace_back(cell);
-    if (!spec.children.empty()) children_ = Pointer(spec.children);
+      : metrics_(metrics), names_(layout.cells), parsed_(*parsed) {
+    for (const std::string& cell : layout.cells) columns_.emplace_back(cell);
+    if (!layout.children.empty()) children_ = Pointer(layout.children);
   }
 
   void Rows(const Json& rows, const Cells& parent, const std::string& where);
@@ -122,8 +122,8 @@ Parsed Fail(std::string note) {
 
 }  // namespace
 
-int JsonColumn(JsonSpec* spec, const std::string& pointer) {
-  auto& cells = spec->cells;
+int JsonColumn(JsonSpec* layout, const std::string& pointer) {
+  auto& cells = layout->cells;
   const auto found = std::find(cells.begin(), cells.end(), pointer);
   if (found != cells.end()) return static_cast<int>(found - cells.begin());
   cells.push_back(pointer);
@@ -139,7 +139,7 @@ std::string CheckJsonPointer(const std::string& text) {
   }
 }
 
-Parsed ParseJson(std::string_view text, const JsonSpec& spec,
+Parsed ParseJson(std::string_view text, const JsonSpec& layout,
                  const std::vector<MetricDefinition>& metrics,
                  const JsonBounds& bounds) {
   if (text.size() > bounds.max_bytes) {
@@ -149,21 +149,21 @@ Parsed ParseJson(std::string_view text, const JsonSpec& spec,
   if (std::string over = OverBounds(text, bounds); !over.empty()) {
     return Fail(std::move(over));
   }
-  for (const std::string& pointer : spec.cells) {
+  for (const std::string& pointer : layout.cells) {
     if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
   }
-  for (const std::string& pointer : {spec.rows, spec.children}) {
+  for (const std::string& pointer : {layout.rows, layout.children}) {
     if (!CheckJsonPointer(pointer).empty()) return Fail(CheckJsonPointer(pointer));
   }
   const Json document = Json::parse(text, nullptr, false);
   if (document.is_discarded()) return Fail("output is not JSON");
-  const Json* rows = Find(document, Pointer(spec.rows));
+  const Json* rows = Find(document, Pointer(layout.rows));
   if (rows == nullptr || !(rows->is_array() || rows->is_object())) {
-    return Fail("no rows at '" + spec.rows + "'");
+    return Fail("no rows at '" + layout.rows + "'");
   }
   Parsed parsed;
   parsed.families = EmptyFamilies(metrics);
-  RowReader(spec, metrics, &parsed).Rows(*rows, {}, "");
+  RowReader(layout, metrics, &parsed).Rows(*rows, {}, "");
   parsed.FinishNotes();
   return parsed;
 }

@@ -25,16 +25,16 @@ struct JsonBounds {
   uint64_t max_values = 1000000;
 };
 
-// The column of pointer, added to spec->cells when new.
-int JsonColumn(JsonSpec* spec, const std::string& pointer);
+// The column of pointer, added to layout->cells when new.
+int JsonColumn(JsonSpec* layout, const std::string& pointer);
 
 // "" or why text is not a JSON Pointer.
 std::string CheckJsonPointer(const std::string& text);
 
-// The rows of text through metrics, whose columns index spec.cells. A
+// The rows of text through metrics, whose columns index layout.cells. A
 // document over a bound, not JSON or without rows there fails as "parse";
 // a row that does not map is dropped and counted.
-Parsed ParseJson(std::string_view text, const JsonSpec& spec,
+Parsed ParseJson(std::string_view text, const JsonSpec& layout,
                  const std::vector<MetricDefinition>& metrics,
                  const JsonBounds& bounds = {});
 

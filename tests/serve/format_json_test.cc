@@ -17,7 +17,7 @@ using fetchlet::serve::Parsed;
 using Lines = std::vector<std::string>;
 
 struct JsonFormat {
-  JsonSpec spec;
+  JsonSpec layout;
   std::vector<MetricDefinition> metrics;
 };
 
@@ -36,17 +36,17 @@ void AddMetric(JsonFormat* format, MetricDefinition metric,
                const std::string& value,
                const std::vector<std::pair<std::string, std::string>>& labels) {
   metric.help = "Help.";
-  if (!value.empty()) metric.value.column = JsonColumn(&format->spec, value);
+  if (!value.empty()) metric.value.column = JsonColumn(&format->layout, value);
   for (const auto& [name, pointer] : labels) {
-    metric.labels.emplace_back(name, JsonColumn(&format->spec, pointer));
+    metric.labels.emplace_back(name, JsonColumn(&format->layout, pointer));
   }
   format->metrics.push_back(std::move(metric));
 }
 
 JsonFormat Lsblk() {
   JsonFormat format;
-  format.spec.rows = "/blockdevices";
-  format.spec.children = "/children";
+  format.layout.rows = "/blockdevices";
+  format.layout.children = "/children";
   AddMetric(&format, Metric("disk_size_bytes", MetricType::kGauge, "bytes"), "/size",
             {{"device", "/name"}, {"model", "/model"}});
   MetricDefinition read_only = Metric("disk_read_only");
@@ -130,7 +130,7 @@ class JsonFormatTest : public testing::TestWithParam<Case> {};
 
 TEST_P(JsonFormatTest, RowsToSamples) {
   const Case& c = GetParam();
-  const Parsed parsed = ParseJson(c.document, c.format.spec, c.format.metrics);
+  const Parsed parsed = ParseJson(c.document, c.format.layout, c.format.metrics);
   EXPECT_EQ(RenderedSamples(parsed), c.samples);
   EXPECT_EQ(parsed.parse, c.parse);
   EXPECT_EQ(parsed.failure, c.failure);
@@ -145,7 +145,7 @@ TEST(JsonFormatHostile, DocumentOverTheLimit) {
   std::string document = "[";
   document.append(100u << 20, ' ');
   document.append("]");
-  const Parsed parsed = ParseJson(document, Lsblk().spec, Lsblk().metrics);
+  const Parsed parsed = ParseJson(document, Lsblk().layout, Lsblk().metrics);
   EXPECT_EQ(parsed.failure, "parse");
   EXPECT_EQ(parsed.notes, (Lines{"output of 104857602 bytes is over the limit "
                                  "of 67108864"}));
@@ -157,8 +157,8 @@ TEST(JsonFormatPointer, Checked) {
   EXPECT_EQ(fetchlet::serve::CheckJsonPointer("a"), "'a' is not a JSON Pointer");
   EXPECT_EQ(fetchlet::serve::CheckJsonPointer("/~2"), "'/~2' is not a JSON Pointer");
   JsonFormat format = Lsblk();
-  format.spec.children = "children";
-  EXPECT_EQ(ParseJson(kLsblk, format.spec, format.metrics).notes,
+  format.layout.children = "children";
+  EXPECT_EQ(ParseJson(kLsblk, format.layout, format.metrics).notes,
             (Lines{"'children' is not a JSON Pointer"}));
 }
 
