@@ -1,6 +1,7 @@
-// Probes of a /bin/true module through GET /probe, as fast as clients on
-// every core ask, beside the same command run as scheduled collectors as
-// fast as serve's workers go (serve_evals' fast part) in the same run; then
+// Probes of a /bin/true module through GET /probe, as fast as four clients
+// a core ask (serve set up with its default cap on probes at once), beside
+// the same command run as scheduled collectors as fast as serve's workers go
+// (serve_evals' fast part) in the same run; then
 // the latency of one probe at a time beside the command's own run time
 // (posix_spawn and wait). Usage: probe [PROBES] (default 4000).
 #include <httplib.h>
@@ -101,18 +102,18 @@ void Probe(httplib::Client& client) {
   }
 }
 
-double ProbeRate(int port, unsigned cores, uint64_t probes) {
+double ProbeRate(int port, unsigned clients, uint64_t probes) {
   const auto start = Clock::now();
-  std::vector<std::thread> clients;
-  for (unsigned t = 0; t < cores; ++t) {
-    clients.emplace_back([&] {
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < clients; ++t) {
+    threads.emplace_back([&] {
       httplib::Client client("127.0.0.1", port);
       client.set_keep_alive(true);
-      for (uint64_t i = 0; i < probes / cores; ++i) Probe(client);
+      for (uint64_t i = 0; i < probes / clients; ++i) Probe(client);
     });
   }
-  for (auto& client : clients) client.join();
-  return static_cast<double>(probes / cores * cores) / Seconds(start);
+  for (auto& thread : threads) thread.join();
+  return static_cast<double>(probes / clients * clients) / Seconds(start);
 }
 
 std::vector<double> ProbeLatencies(int port, int count) {
@@ -151,21 +152,25 @@ int main(int argc, char** argv) {
   spdlog::set_level(spdlog::level::off);  // the stop ends runs: no warnings
   const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
   Config config = LoadBenchConfig();
-  Prober prober(static_cast<int>(cores));
+  // serve's own set-up: the default cap on probes at once, and as many
+  // handler threads again beside the listener's.
+  Prober prober(config.max_concurrent_probes);
   prober.SetModules({{config.modules.at(0), kEntryPoints}}, Duration(500));
   Scheduler idle(1, 0);
   std::atomic<bool> reload_ok{true};
   std::string error;
   auto server = MakeListener(WebConfig{}, 1024, &error);
   ListenerLimits limits = server->limits();
-  limits.workers += static_cast<int>(cores);
+  limits.workers += config.max_concurrent_probes;
   server->SetLimits(limits);
   AddRoutes(*server, idle, reload_ok, &prober);
   if (!server->Bind("127.0.0.1", 0, &error)) std::abort();
   std::thread listener([&] { server->Run(); });
 
   const double scheduled = ScheduledRate(config.collectors.at(0), cores, probes);
-  const double probed = ProbeRate(server->port(), cores, probes);
+  // Prometheus asks for many targets at once; the clients, on the same
+  // cores as serve, keep its probes busy while they read their answers.
+  const double probed = ProbeRate(server->port(), 4 * cores, probes);
   const int rounds = static_cast<int>(std::max<uint64_t>(probes / 4, 100));
   const std::vector<double> latency = ProbeLatencies(server->port(), rounds);
   const std::vector<double> own = SpawnLatencies(rounds);
