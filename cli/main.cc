@@ -92,7 +92,7 @@ void DefineRun(CLI::App& run, Options& o) {
                  "bytes, or with KiB, MiB, GiB (default 64MiB; 0: no limit)");
   run.add_option("--memory-limit", o.limits.memory,
                  "most memory the command may use, swap forbidden: bytes, or "
-                 "with KiB, MiB, GiB (needs a writable cgroup v2)");
+                 "with KiB, MiB, GiB (needs a writable cgroup)");
   run.add_option("--pids-limit", o.limits.pids,
                  "most processes and threads the command may have at once");
   run.add_option("--cpu-limit", o.limits.cpu,

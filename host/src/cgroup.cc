@@ -40,18 +40,26 @@ struct ControllerName {
 constexpr ControllerName kControllerNames[] = {
     {kCpu, "cpu"}, {kMemory, "memory"}, {kPids, "pids"}, {kIo, "io"}};
 
-// The mount point of the cgroup2 file system and the root it shows, from
-// /proc/self/mountinfo: "ID PARENT MAJ:MIN ROOT MOUNT OPTS... - cgroup2 ...".
-bool FindUnifiedMount(std::string* mount, std::string* root) {
+// The mount point and shown root of a cgroup hierarchy, from
+// /proc/self/mountinfo ("ID PARENT MAJ:MIN ROOT MOUNT OPTS... - TYPE SOURCE
+// SUPER-OPTIONS"): the unified one for an empty controller, else the v1 one
+// that holds controller.
+bool FindHierarchyMount(std::string_view controller, std::string* mount,
+                        std::string* root) {
   std::ifstream info("/proc/self/mountinfo");
   std::string line;
   while (std::getline(info, line)) {
     const size_t dash = line.find(" - ");
     if (dash == std::string::npos) continue;
     std::istringstream after(line.substr(dash + 3));
-    std::string type;
-    after >> type;
-    if (type != "cgroup2") continue;
+    std::string type, source, options;
+    after >> type >> source >> options;
+    if (type != (controller.empty() ? "cgroup2" : "cgroup")) continue;
+    if (!controller.empty() &&
+        ("," + options + ",").find("," + std::string(controller) + ",") ==
+            std::string::npos) {
+      continue;
+    }
     std::istringstream before(line.substr(0, dash));
     std::string id, parent, device;
     before >> id >> parent >> device >> *root >> *mount;
@@ -60,13 +68,23 @@ bool FindUnifiedMount(std::string* mount, std::string* root) {
   return false;
 }
 
-// The host's own cgroup in the unified hierarchy ("0::PATH").
-bool OwnCgroupPath(std::string* path) {
+// The host's own cgroup in that hierarchy: "0::PATH" for the unified one,
+// "N:LIST:PATH" with controller in LIST for a v1 one.
+bool OwnCgroupPath(std::string_view controller, std::string* path) {
   std::ifstream info("/proc/self/cgroup");
   std::string line;
   while (std::getline(info, line)) {
-    if (line.rfind("0::", 0) == 0) {
-      *path = line.substr(3);
+    const size_t first = line.find(':');
+    const size_t second = line.find(':', first + 1);
+    if (first == std::string::npos || second == std::string::npos) continue;
+    const std::string list = line.substr(first + 1, second - first - 1);
+    const bool match =
+        controller.empty()
+            ? line.rfind("0::", 0) == 0
+            : ("," + list + ",").find("," + std::string(controller) + ",") !=
+                  std::string::npos;
+    if (match) {
+      *path = line.substr(second + 1);
       return !path->empty();
     }
   }
@@ -97,15 +115,28 @@ void RemoveDeadHostsCgroups(const std::string& base) {
   }
 }
 
-std::string FindRunsDirectory() {
+}  // namespace
+
+std::string MakeHostDirectory(std::string_view controller) {
   std::string mount, root, own;
-  if (!FindUnifiedMount(&mount, &root) || !OwnCgroupPath(&own)) return {};
+  if (!FindHierarchyMount(controller, &mount, &root) ||
+      !OwnCgroupPath(controller, &own)) {
+    return {};
+  }
   if (root != "/" && own.rfind(root, 0) == 0) own.erase(0, root.size());
   std::string base = mount + (own == "/" ? "" : own);
   RemoveDeadHostsCgroups(base);
   std::string dir = base + "/" + std::string(kHostPrefix) +
                     std::to_string(getpid());
   if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return {};
+  return dir;
+}
+
+namespace {
+
+std::string FindRunsDirectory() {
+  std::string dir = MakeHostDirectory("");
+  if (dir.empty()) return {};
   // Without cgroup.kill (kernels before 5.14) a run could not be ended.
   if (access((dir + "/cgroup.kill").c_str(), W_OK) != 0) {
     rmdir(dir.c_str());
@@ -119,6 +150,7 @@ void RemoveRunsDirectory() {
   SweepRetiredCgroups();
   const std::string& dir = CgroupRunsDirectory();
   if (!dir.empty()) rmdir(dir.c_str());
+  RemoveV1RunsDirectories();
 }
 
 // The host's own cgroup, the parent of the runs directory.
@@ -215,18 +247,17 @@ const std::string& CgroupRunsDirectory() {
   return *dir;
 }
 
-unsigned RunControllers() { return g_controllers.load(); }
+unsigned RunControllers() { return g_controllers.load() | V1Controllers(); }
 
 unsigned ControllersFor(const RunLimits& limits) {
   return (limits.memory_bytes != 0 ? kMemory : 0u) |
          (limits.pids != 0 ? kPids : 0u) | (limits.cpu != 0 ? kCpu : 0u);
 }
 
-unsigned EnableRunControllers(unsigned wanted) {
-  if (!CgroupsAvailable()) return 0;
-  std::lock_guard lock(g_controllers_mutex);
-  const unsigned missing = wanted & ~g_controllers.load();
-  if (missing == 0) return g_controllers.load();
+namespace {
+
+// Enables missing controllers of the unified hierarchy for the runs.
+void EnableUnified(unsigned missing) {
   const std::string& runs = CgroupRunsDirectory();
   const std::string host = HostCgroup();
   const unsigned possible = missing & ControllersIn(host);
@@ -237,7 +268,19 @@ unsigned EnableRunControllers(unsigned wanted) {
   }
   const unsigned offered = ControllersIn(runs) & possible;
   g_controllers.fetch_or(offered & ~EnableBelow(runs, offered, &error));
-  return g_controllers.load();
+}
+
+}  // namespace
+
+unsigned EnableRunControllers(unsigned wanted) {
+  if (!CgroupsAvailable()) return 0;
+  std::lock_guard lock(g_controllers_mutex);
+  if ((wanted & ~RunControllers()) != 0) EnableUnified(wanted & ~RunControllers());
+  // What the unified hierarchy cannot give, a v1 one may.
+  if ((wanted & ~RunControllers()) != 0) {
+    EnableV1Controllers(wanted & ~RunControllers());
+  }
+  return RunControllers();
 }
 
 void WantCgroups(bool wanted) { g_wanted.store(wanted); }

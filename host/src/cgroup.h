@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "qve/embedded.h"
 
@@ -33,7 +34,7 @@ void EmptyPool();
 
 // Controllers the runs' cgroups may have.
 enum Controller : unsigned { kCpu = 1, kMemory = 2, kPids = 4, kIo = 8 };
-// Those the runs' cgroups have now.
+// Those the runs' cgroups have now, in the unified hierarchy or a v1 one.
 unsigned RunControllers();
 // Makes the wanted controllers reach the runs' cgroups where the host may
 // (enabling them above, and moving the host into a leaf of its own cgroup
@@ -41,6 +42,24 @@ unsigned RunControllers();
 unsigned EnableRunControllers(unsigned wanted);
 // The controllers limits need.
 unsigned ControllersFor(const RunLimits& limits);
+
+// The hybrid layout: controllers bound to cgroup v1 hierarchies, the unified
+// one holding none. There each run's cgroup gets a companion of the same name
+// in every v1 hierarchy a limit needs, which the child joins before its exec;
+// the unified cgroup still kills the run and says when it is empty.
+// Makes the v1 runs' directories of the wanted controllers where it may; the
+// controllers that v1 hierarchies then give the runs.
+unsigned EnableV1Controllers(unsigned wanted);
+unsigned V1Controllers();
+// The directory of runs in controller's v1 hierarchy ("" when none).
+const std::string& V1RunsDirectory(Controller controller);
+// Removes them (at exit, once the pool is gone).
+void RemoveV1RunsDirectories();
+
+// Makes qvehost-PID in the host's own cgroup of the unified hierarchy (empty
+// controller) or of controller's v1 one, after removing those of hosts that
+// died; its path, or "" when that cannot be done.
+std::string MakeHostDirectory(std::string_view controller);
 
 // Writes text to the file name below the directory dir_fd; false (errno
 // set) when that fails.
@@ -75,6 +94,10 @@ class RunCgroup {
   bool active() const { return slot_ != nullptr; }
   // The cgroup's directory descriptor, for CLONE_INTO_CGROUP.
   int fd() const;
+  // The cgroup.procs files of its v1 companions, which the child joins
+  // before its exec.
+  const int* joins() const;
+  size_t join_count() const;
   // SIGKILL to every process in the cgroup. 0, or -1 with errno.
   int Kill();
   // Kill, unless the cgroup is already empty (the usual end of a run).

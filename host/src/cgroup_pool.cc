@@ -38,9 +38,20 @@ struct CgroupCounters {
   uint64_t forks_refused = 0;
 };
 
+// The slot's cgroup in a v1 hierarchy (the hybrid layout), which the child
+// joins through cgroup.procs before its exec.
+struct Companion {
+  std::string path;
+  int dir = -1;
+  int procs = -1;
+};
+
 struct PoolSlot {
   std::string path;
   int dir = -1;
+  Companion companions[3];  // memory, pids, cpu; unused where unified
+  int joins[3] = {-1, -1, -1};
+  size_t join_count = 0;
   int kill = -1;
   int events = -1;
   int cpu_stat = -1;
@@ -72,7 +83,13 @@ constexpr uint64_t kCpuPeriodUsec = 100000;
 std::mutex g_mutex;
 // Never destroyed: runs may end while the process exits.
 auto* g_free = new std::vector<PoolSlot*>;
-auto* g_retired = new std::vector<std::string>;
+// Directories still busy when their slot went; only a slot's own (not its
+// v1 companions) counts as live.
+struct Retired {
+  std::string path;
+  bool live;
+};
+auto* g_retired = new std::vector<Retired>;
 std::atomic<uint64_t> g_counter{0};
 std::atomic<size_t> g_slots{0};  // slots in the pool or taken
 
@@ -81,8 +98,44 @@ void CloseFd(int& fd) {
   fd = -1;
 }
 
-void OpenIfPresent(const PoolSlot& slot, const char* name, int* fd) {
-  if (*fd < 0) *fd = openat(slot.dir, name, O_RDONLY | O_CLOEXEC);
+void OpenIfPresent(int dir, const char* name, int* fd) {
+  if (*fd < 0) *fd = openat(dir, name, O_RDONLY | O_CLOEXEC);
+}
+
+size_t CompanionIndex(Controller controller) {
+  return controller == kMemory ? 0 : controller == kPids ? 1 : 2;
+}
+
+bool InV1(const PoolSlot& slot, Controller controller) {
+  return slot.companions[CompanionIndex(controller)].dir >= 0;
+}
+
+// The directory that holds controller's files for the slot.
+int ControllerDir(const PoolSlot& slot, Controller controller) {
+  return InV1(slot, controller)
+             ? slot.companions[CompanionIndex(controller)].dir
+             : slot.dir;
+}
+
+// Makes the slot's companion of the same name in controller's v1 hierarchy.
+bool MakeCompanion(PoolSlot& slot, Controller controller) {
+  Companion& companion = slot.companions[CompanionIndex(controller)];
+  if (companion.dir >= 0) return true;
+  const std::string path = V1RunsDirectory(controller) +
+                           slot.path.substr(slot.path.rfind('/'));
+  if (mkdir(path.c_str(), 0755) != 0) return false;
+  companion.dir = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (companion.dir >= 0) {
+    companion.procs = openat(companion.dir, "cgroup.procs", O_WRONLY | O_CLOEXEC);
+  }
+  if (companion.procs < 0) {
+    CloseFd(companion.dir);
+    rmdir(path.c_str());
+    return false;
+  }
+  companion.path = path;
+  slot.joins[slot.join_count++] = companion.procs;
+  return true;
 }
 
 // The text of a small cgroup file read from its start.
@@ -140,18 +193,29 @@ CgroupCounters ReadCounters(const PoolSlot& slot) {
 
 // Opens the files of controllers that reached the slot since it was made.
 void OpenControllerFiles(PoolSlot& slot) {
-  const unsigned present = RunControllers();
+  unsigned present = RunControllers();
   if (present == slot.controllers) return;
+  for (const Controller controller : {kMemory, kPids, kCpu}) {
+    if ((present & V1Controllers() & controller) != 0 &&
+        !MakeCompanion(slot, controller)) {
+      present &= ~static_cast<unsigned>(controller);
+    }
+  }
   if ((present & kMemory) != 0) {
-    OpenIfPresent(slot, "memory.events", &slot.memory_events);
+    const bool v1 = InV1(slot, kMemory);
+    const int dir = ControllerDir(slot, kMemory);
+    OpenIfPresent(dir, v1 ? "memory.oom_control" : "memory.events",
+                  &slot.memory_events);
     if (slot.memory_peak < 0) {
-      slot.memory_peak = openat(slot.dir, "memory.peak", O_RDWR | O_CLOEXEC);
+      slot.memory_peak =
+          openat(dir, v1 ? "memory.max_usage_in_bytes" : "memory.peak",
+                 O_RDWR | O_CLOEXEC);
     }
   }
   if ((present & kPids) != 0) {
-    OpenIfPresent(slot, "pids.events", &slot.pids_events);
+    OpenIfPresent(ControllerDir(slot, kPids), "pids.events", &slot.pids_events);
   }
-  if ((present & kIo) != 0) OpenIfPresent(slot, "io.stat", &slot.io_stat);
+  if ((present & kIo) != 0) OpenIfPresent(slot.dir, "io.stat", &slot.io_stat);
   slot.controllers = present;
   slot.last = ReadCounters(slot);
 }
@@ -162,6 +226,11 @@ void CloseSlot(PoolSlot& slot) {
                   &slot.io_stat}) {
     CloseFd(*fd);
   }
+  for (Companion& companion : slot.companions) {
+    CloseFd(companion.dir);
+    CloseFd(companion.procs);
+  }
+  slot.join_count = 0;
 }
 
 PoolSlot* MakeSlot() {
@@ -172,8 +241,8 @@ PoolSlot* MakeSlot() {
   slot->dir = open(slot->path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (slot->dir >= 0) {
     slot->kill = openat(slot->dir, "cgroup.kill", O_WRONLY | O_CLOEXEC);
-    OpenIfPresent(*slot, "cgroup.events", &slot->events);
-    OpenIfPresent(*slot, "cpu.stat", &slot->cpu_stat);
+    OpenIfPresent(slot->dir, "cgroup.events", &slot->events);
+    OpenIfPresent(slot->dir, "cpu.stat", &slot->cpu_stat);
   }
   if (slot->kill < 0 || slot->events < 0) {
     CloseSlot(*slot);
@@ -204,40 +273,57 @@ PoolSlot* TakeSlot() {
   return slot;
 }
 
-// cpu.max's "QUOTA PERIOD" for a share of a core; at least 1 ms a period.
-std::string CpuMax(double cpu) {
-  if (cpu == 0) return "max " + std::to_string(kCpuPeriodUsec);
-  const double quota = std::max(1000.0, std::round(cpu * kCpuPeriodUsec));
-  return std::to_string(static_cast<uint64_t>(quota)) + " " +
-         std::to_string(kCpuPeriodUsec);
-}
-
 std::string LimitText(uint64_t value) {
   return value == 0 ? "max" : std::to_string(value);
+}
+
+// A share of a core as microseconds a period (at least 1 ms): cpu.max's
+// "QUOTA PERIOD", or v1's cpu.cfs_quota_us, whose period is the same.
+bool WriteCpuLimit(const PoolSlot& slot, double cpu) {
+  const double quota = std::max(1000.0, std::round(cpu * kCpuPeriodUsec));
+  const std::string usec = std::to_string(static_cast<uint64_t>(quota));
+  if (InV1(slot, kCpu)) {
+    return WriteCgroupFile(ControllerDir(slot, kCpu), "cpu.cfs_quota_us",
+                           cpu == 0 ? "-1" : usec.c_str());
+  }
+  const std::string max = (cpu == 0 ? "max" : usec) + " " +
+                          std::to_string(kCpuPeriodUsec);
+  return WriteCgroupFile(slot.dir, "cpu.max", max.c_str());
+}
+
+// Memory without swap. v1 keeps memory and swap together in a limit that may
+// never be below memory's (and that has no file where swap is not counted):
+// it is lifted first and set last.
+bool WriteMemoryLimit(const PoolSlot& slot, uint64_t bytes) {
+  const int dir = ControllerDir(slot, kMemory);
+  if (!InV1(slot, kMemory)) {
+    return WriteCgroupFile(dir, "memory.max", LimitText(bytes).c_str()) &&
+           WriteCgroupFile(dir, "memory.swap.max", bytes != 0 ? "0" : "max");
+  }
+  const std::string text = bytes != 0 ? std::to_string(bytes) : "-1";
+  const char* both = "memory.memsw.limit_in_bytes";
+  const bool swap = faccessat(dir, both, W_OK, 0) == 0;
+  return (!swap || WriteCgroupFile(dir, both, "-1")) &&
+         WriteCgroupFile(dir, "memory.limit_in_bytes", text.c_str()) &&
+         (!swap || WriteCgroupFile(dir, both, text.c_str()));
 }
 
 // Writes the limits that differ from the slot's; 0 or the errno.
 int ApplyLimits(PoolSlot& slot, const RunLimits& limits) {
   RunLimits& had = slot.applied;
   if (limits.memory_bytes != had.memory_bytes) {
-    if (!WriteCgroupFile(slot.dir, "memory.max",
-                         LimitText(limits.memory_bytes).c_str()) ||
-        !WriteCgroupFile(slot.dir, "memory.swap.max",
-                         limits.memory_bytes != 0 ? "0" : "max")) {
-      return errno;
-    }
+    if (!WriteMemoryLimit(slot, limits.memory_bytes)) return errno;
     had.memory_bytes = limits.memory_bytes;
   }
   if (limits.pids != had.pids) {
-    if (!WriteCgroupFile(slot.dir, "pids.max", LimitText(limits.pids).c_str())) {
+    if (!WriteCgroupFile(ControllerDir(slot, kPids), "pids.max",
+                         LimitText(limits.pids).c_str())) {
       return errno;
     }
     had.pids = limits.pids;
   }
   if (limits.cpu != had.cpu) {
-    if (!WriteCgroupFile(slot.dir, "cpu.max", CpuMax(limits.cpu).c_str())) {
-      return errno;
-    }
+    if (!WriteCpuLimit(slot, limits.cpu)) return errno;
     had.cpu = limits.cpu;
   }
   return 0;
@@ -298,24 +384,37 @@ CgroupFigures Figures(PoolSlot& slot) {
   return figures;
 }
 
-// A slot that did not empty in time is never reused; its directory goes
-// once the kernel lets it.
-void Retire(PoolSlot* slot) {
+void RemoveLater(const std::string& path, bool live) {
+  std::lock_guard lock(g_mutex);
+  try {
+    g_retired->push_back({path, live});
+  } catch (...) {
+    qve_warn(qveulm_getLogCtx(HostLogSource(), "qvehost"),
+             "a cgroup could not be removed");
+  }
+}
+
+// Closes the slot and removes its directories, or leaves those still busy
+// to SweepRetiredCgroups.
+void DeleteSlot(PoolSlot* slot, bool live) {
   g_slots.fetch_sub(1);
   CloseSlot(*slot);
-  if (rmdir(slot->path.c_str()) == 0) {
-    CountLive(-1);
-  } else {
-    std::lock_guard lock(g_mutex);
-    try {
-      g_retired->push_back(slot->path);
-    } catch (...) {
-      qve_warn(qveulm_getLogCtx(HostLogSource(), "qvehost"),
-               "a cgroup could not be removed");
+  for (const Companion& companion : slot->companions) {
+    if (!companion.path.empty() && rmdir(companion.path.c_str()) != 0) {
+      RemoveLater(companion.path, false);
     }
+  }
+  if (rmdir(slot->path.c_str()) != 0) {
+    RemoveLater(slot->path, live);
+  } else if (live) {
+    CountLive(-1);
   }
   delete slot;
 }
+
+// A slot that did not empty in time is never reused; its directory goes
+// once the kernel lets it.
+void Retire(PoolSlot* slot) { DeleteSlot(slot, true); }
 
 void GiveBack(PoolSlot* slot) {
   std::lock_guard lock(g_mutex);
@@ -327,22 +426,20 @@ void GiveBack(PoolSlot* slot) {
 
 void SweepRetiredCgroups() {
   std::lock_guard lock(g_mutex);
-  std::erase_if(*g_retired, [](const std::string& path) {
-    if (rmdir(path.c_str()) != 0 && errno == EBUSY) return false;
-    CountLive(-1);
+  std::erase_if(*g_retired, [](const Retired& retired) {
+    if (rmdir(retired.path.c_str()) != 0 && errno == EBUSY) return false;
+    if (retired.live) CountLive(-1);
     return true;
   });
 }
 
 void EmptyPool() {
-  std::lock_guard lock(g_mutex);
-  for (PoolSlot* slot : *g_free) {
-    CloseSlot(*slot);
-    rmdir(slot->path.c_str());
-    delete slot;
-    g_slots.fetch_sub(1);
+  std::vector<PoolSlot*> idle;
+  {
+    std::lock_guard lock(g_mutex);
+    idle.swap(*g_free);
   }
-  g_free->clear();
+  for (PoolSlot* slot : idle) DeleteSlot(slot, false);
 }
 
 int RunCgroup::Create(const RunLimits& limits) {
@@ -363,6 +460,14 @@ int RunCgroup::Create(const RunLimits& limits) {
 }
 
 int RunCgroup::fd() const { return slot_ != nullptr ? slot_->dir : -1; }
+
+const int* RunCgroup::joins() const {
+  return slot_ != nullptr ? slot_->joins : nullptr;
+}
+
+size_t RunCgroup::join_count() const {
+  return slot_ != nullptr ? slot_->join_count : 0;
+}
 
 int RunCgroup::Kill() {
   if (!active()) {

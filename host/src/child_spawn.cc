@@ -132,7 +132,7 @@ int AwaitExec(pid_t pid, int report_fd) {
 }
 
 int SpawnChild(const SpawnRequest& request, const int child_fds[3], int floor,
-               int cgroup_fd, pid_t* pid, int* pidfd) {
+               const RunCgroup& cgroup, pid_t* pid, int* pidfd) {
   std::vector<int> temporaries;
   int report[2] = {-1, -1};
   int error = 0;
@@ -141,11 +141,13 @@ int SpawnChild(const SpawnRequest& request, const int child_fds[3], int floor,
     ChildPlan plan;
     plan.child_fds = child_fds;
     plan.floor = floor;
+    plan.joins = cgroup.joins();
+    plan.join_count = cgroup.join_count();
     error = BuildPlan(request, &storage, &plan, &temporaries);
     if (error == 0 && pipe2(report, O_CLOEXEC) != 0) error = errno;
     if (error == 0) {
       plan.report_fd = report[1];
-      const pid_t child = CloneChild(plan, cgroup_fd, pidfd);
+      const pid_t child = CloneChild(plan, cgroup.fd(), pidfd);
       error = child < 0 ? errno : 0;
       CloseDescriptor(report[1]);
       if (error == 0) error = AwaitExec(child, report[0]);
@@ -217,7 +219,7 @@ int ChildProcess::Start(const SpawnRequest& request) {
   const uint64_t stops_before = StopCount();
   if (error == 0) error = TakeCgroup();
   if (error == 0) {
-    error = SpawnChild(request, child, floor, cgroup_.fd(), &pid, &pidfd_);
+    error = SpawnChild(request, child, floor, cgroup_, &pid, &pidfd_);
   }
   for (int& fd : child) CloseDescriptor(fd);
   if (error != 0) {

@@ -88,10 +88,19 @@ QVE_CHILD_CODE bool ArrangeDescriptors(const ChildPlan& plan) {
   return Call(SYS_close_range, plan.floor, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
+// Into the run's v1 cgroups (the hybrid layout), where its limits are.
+QVE_CHILD_CODE bool JoinCgroups(const ChildPlan& plan) {
+  for (size_t i = 0; i < plan.join_count; ++i) {
+    if (Call(SYS_write, plan.joins[i], Arg("0"), 1) != 1) return false;
+  }
+  return true;
+}
+
 [[noreturn]] QVE_CHILD_CODE void Run(const ChildPlan* plan) {
   DefaultAllSignals();
   // Own process group, so that a kill reaches what the command starts.
-  if (Call(SYS_setpgid, 0, 0) != 0 || !ArrangeDescriptors(*plan)) {
+  if (Call(SYS_setpgid, 0, 0) != 0 || !JoinCgroups(*plan) ||
+      !ArrangeDescriptors(*plan)) {
     ReportAndExit(plan->report_fd);
   }
   const unsigned long none = 0;

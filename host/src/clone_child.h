@@ -21,6 +21,8 @@ struct ChildPlan {
   char* const* argv = nullptr;
   char* const* script_argv = nullptr;  // /bin/sh PROGRAM ARGS... for ENOEXEC
   char* const* envp = nullptr;
+  const int* joins = nullptr;  // [join_count]: cgroup.procs files to join
+  size_t join_count = 0;
   int report_fd = -1;  // the start's errno goes here when exec fails
 };
 

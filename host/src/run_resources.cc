@@ -109,9 +109,9 @@ std::string RunLimitsError(const RunLimits& limits) {
     if ((missing & order[i]) == 0) continue;
     names += (names.empty() ? "" : ", ") + std::string(kControllerNames[i]);
   }
-  return "the cgroup v2 controller(s) " + names + " cannot be enabled under " +
+  return "the cgroup controller(s) " + names + " cannot be enabled under " +
          internal::CgroupRunsDirectory() +
-         " (a controller held by a cgroup v1 hierarchy, or not delegated)";
+         " (not delegated, and no writable cgroup v1 hierarchy holds them)";
 }
 
 bool SetRunLimits(const RunLimits& limits, std::string* error) {

@@ -230,7 +230,15 @@ constexpr char kShowCgroup[] =
     "m=$(awk '$(NF-2)==\"cgroup2\"{print $5; exit}' /proc/self/mountinfo)\n"
     "c=$m$(sed -n 's/^0:://p' /proc/self/cgroup)\n"
     "echo \"$c\"; wc -l <\"$c/cgroup.procs\"\n"
-    "cat \"$c/pids.max\" \"$c/memory.max\" 2>/dev/null\n";
+    // A limit from the unified cgroup, or else from the v1 hierarchy that
+    // holds its controller (where "no limit" is a huge number).
+    "limit() { cat \"$c/$1\" 2>/dev/null && return\n"
+    "  d=$(awk -v k=$2 '$(NF-2)==\"cgroup\" && $NF~\",\"k\"$\" {print $5}' "
+    "/proc/self/mountinfo)\n"
+    "  awk '{print ($1>9e18 ? \"max\" : $1)}' "
+    "\"$d$(sed -n \"s/^[0-9]*:$2://p\" /proc/self/cgroup)/$3\" 2>/dev/null; }\n"
+    "limit pids.max pids pids.max; "
+    "limit memory.max memory memory.limit_in_bytes\n";
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -336,7 +344,8 @@ TEST_F(ContainmentTest, HostileCommandsMeetTheirLimits) {
        "was killed by the OOM killer at its memory limit of 33554432 bytes",
        true},
       {"fork loop", {0, 16, 0},
-       "i=0; while [ $i -lt 100 ]; do sleep 30 & i=$((i+1)); done",
+       "i=0; while [ $i -lt 100 ]; do sleep 30 >/dev/null & i=$((i+1)); "
+       "done",
        "was refused a new process at its limit of 16 processes", false},
   };
   for (const Case& c : cases) {

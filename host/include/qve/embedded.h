@@ -107,7 +107,8 @@ struct RunLimits {
   bool any() const { return memory_bytes != 0 || pids != 0 || cpu != 0; }
 };
 // Why limits cannot hold on this host ("" when they can): each needs a
-// writable cgroup v2 hierarchy with its controller. Never silently dropped.
+// writable cgroup v2 hierarchy, and its controller there or in a writable
+// cgroup v1 hierarchy. Never silently dropped.
 std::string RunLimitsError(const RunLimits& limits);
 // The limits of every run from now on; false (nothing changed) with
 // RunLimitsError's text in *error when they cannot hold.
