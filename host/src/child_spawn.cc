@@ -115,20 +115,23 @@ int BuildPlan(const SpawnRequest& request, PlanStorage* storage,
   return 0;
 }
 
-// 0 once the child has executed its command; else the child's errno, and the
-// child is reaped.
-int AwaitExec(pid_t pid, int report_fd) {
-  int error = 0;
-  ssize_t n;
-  do {
-    n = read(report_fd, &error, sizeof error);
-  } while (n < 0 && errno == EINTR);
-  if (n != sizeof error) return 0;
+// 0 once the child has executed its command; else the child's errno (from
+// the report pipe, or shared_error without one), and the child is reaped.
+int AwaitExec(pid_t pid, int report_fd, int shared_error) {
+  int error = shared_error;
+  if (report_fd >= 0) {
+    ssize_t n;
+    do {
+      n = read(report_fd, &error, sizeof error);
+    } while (n < 0 && errno == EINTR);
+    if (n != sizeof error) error = 0;
+  }
+  if (error == 0) return 0;
   siginfo_t info;
   while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED) < 0 &&
          errno == EINTR) {
   }
-  return error != 0 ? error : EINVAL;
+  return error;
 }
 
 int SpawnChild(const SpawnRequest& request, const int child_fds[3], int floor,
@@ -144,13 +147,17 @@ int SpawnChild(const SpawnRequest& request, const int child_fds[3], int floor,
     plan.joins = cgroup.joins();
     plan.join_count = cgroup.join_count();
     error = BuildPlan(request, &storage, &plan, &temporaries);
-    if (error == 0 && pipe2(report, O_CLOEXEC) != 0) error = errno;
+    if (error == 0 && !ChildSharesMemory() && pipe2(report, O_CLOEXEC) != 0) {
+      error = errno;
+    }
     if (error == 0) {
+      int exec_error = 0;
       plan.report_fd = report[1];
+      plan.exec_error = &exec_error;
       const pid_t child = CloneChild(plan, cgroup.fd(), pidfd);
       error = child < 0 ? errno : 0;
       CloseDescriptor(report[1]);
-      if (error == 0) error = AwaitExec(child, report[0]);
+      if (error == 0) error = AwaitExec(child, report[0], exec_error);
       if (error == 0) *pid = child;
       if (error != 0) CloseDescriptor(*pidfd);
     }

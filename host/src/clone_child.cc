@@ -47,10 +47,16 @@ QVE_CHILD_CODE long Arg(T* pointer) {
   return reinterpret_cast<long>(pointer);
 }
 
-[[noreturn]] QVE_CHILD_CODE void ReportAndExit(int report_fd) {
-  const int error = errno;
-  while (Call(SYS_write, report_fd, Arg(&error), sizeof error) < 0 &&
-         errno == EINTR) {
+// The start's errno to the parent: into its memory where the child shares
+// it, else down the report pipe.
+[[noreturn]] QVE_CHILD_CODE void ReportAndExit(const ChildPlan& plan) {
+  const int error = errno != 0 ? errno : EINVAL;
+  if (plan.report_fd < 0) {
+    *plan.exec_error = error;
+  } else {
+    while (Call(SYS_write, plan.report_fd, Arg(&error), sizeof error) < 0 &&
+           errno == EINTR) {
+    }
   }
   for (;;) Call(SYS_exit, 127);
 }
@@ -101,7 +107,7 @@ QVE_CHILD_CODE bool JoinCgroups(const ChildPlan& plan) {
   // Own process group, so that a kill reaches what the command starts.
   if (Call(SYS_setpgid, 0, 0) != 0 || !JoinCgroups(*plan) ||
       !ArrangeDescriptors(*plan)) {
-    ReportAndExit(plan->report_fd);
+    ReportAndExit(*plan);
   }
   const unsigned long none = 0;
   Call(SYS_rt_sigprocmask, SIG_SETMASK, Arg(&none), 0, sizeof none);
@@ -111,7 +117,7 @@ QVE_CHILD_CODE bool JoinCgroups(const ChildPlan& plan) {
   if (errno == ENOEXEC) {
     Call(SYS_execve, Arg(kShell), Arg(plan->script_argv), Arg(plan->envp));
   }
-  ReportAndExit(plan->report_fd);
+  ReportAndExit(*plan);
 }
 
 }  // namespace child
@@ -153,20 +159,52 @@ long Clone3(clone_args* args, const ChildPlan* plan) {
 }
 #endif
 
+// The child's stack, made once a thread: a thread's clones follow one
+// another, each done before the next (the parent waits for the exec).
+class ChildStack {
+ public:
+  ~ChildStack() {
+    if (base_ != nullptr) munmap(base_, kChildStack);
+  }
+  void* Get() {
+    if (base_ == nullptr && kChildStack > 0) {
+      void* base = mmap(nullptr, kChildStack, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+      base_ = base != MAP_FAILED ? base : nullptr;
+    }
+    return base_;
+  }
+
+ private:
+  void* base_ = nullptr;
+};
+
+thread_local ChildStack t_stack;
+
+// Only a kernel that reaps children itself (SIGCHLD ignored, or
+// SA_NOCLDWAIT) takes the exit status away; a pidfd keeps it then.
+bool KernelReapsChildren() {
+  struct sigaction action;
+  return sigaction(SIGCHLD, nullptr, &action) != 0 ||
+         action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0;
+}
+
 }  // namespace
 
+bool ChildSharesMemory() { return kShareMemory != 0; }
+
 pid_t CloneChild(const ChildPlan& plan, int cgroup_fd, int* pidfd) {
-  void* stack = nullptr;
-  if (kChildStack > 0) {
-    stack = mmap(nullptr, kChildStack, PROT_READ | PROT_WRITE,
-                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (stack == MAP_FAILED) return -1;
-  }
+  void* stack = t_stack.Get();
+  if (kChildStack > 0 && stack == nullptr) return -1;
   clone_args args;
   std::memset(&args, 0, sizeof args);
   args.exit_signal = SIGCHLD;
-  args.flags = CLONE_PIDFD | kShareMemory;
-  args.pidfd = reinterpret_cast<uintptr_t>(pidfd);
+  args.flags = kShareMemory;
+  *pidfd = -1;
+  if (KernelReapsChildren()) {
+    args.flags |= CLONE_PIDFD;
+    args.pidfd = reinterpret_cast<uintptr_t>(pidfd);
+  }
   args.stack = reinterpret_cast<uintptr_t>(stack);
   args.stack_size = kChildStack;
   if (cgroup_fd >= 0) {
@@ -185,7 +223,6 @@ pid_t CloneChild(const ChildPlan& plan, int cgroup_fd, int* pidfd) {
     result = Clone3(&args, &plan);
   }
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  if (stack != nullptr) munmap(stack, kChildStack);
   if (result < 0) {
     errno = static_cast<int>(-result);
     return -1;

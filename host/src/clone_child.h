@@ -23,12 +23,18 @@ struct ChildPlan {
   char* const* envp = nullptr;
   const int* joins = nullptr;  // [join_count]: cgroup.procs files to join
   size_t join_count = 0;
-  int report_fd = -1;  // the start's errno goes here when exec fails
+  // Where the start's errno goes when exec fails: report_fd, or where the
+  // child shares the parent's memory (report_fd -1), *exec_error.
+  int report_fd = -1;
+  int* exec_error = nullptr;
 };
 
+// Whether the child shares the parent's memory until its exec.
+bool ChildSharesMemory();
+
 // Starts the child in the cgroup cgroup_fd (-1: none; a cgroup the kernel
-// refuses is left out), its pidfd in *pidfd. The child's pid, or -1 with
-// errno set.
+// refuses is left out), with a pidfd in *pidfd where the kernel would reap
+// the child (else -1). The child's pid, or -1 with errno set.
 pid_t CloneChild(const ChildPlan& plan, int cgroup_fd, int* pidfd);
 
 }  // namespace qvehost::internal
