@@ -1,11 +1,12 @@
 // The clone of a command's process: clone3, straight into the run's cgroup
 // (so that no fast double fork escapes before it is contained), with a
-// pidfd (which keeps the exit status when the kernel reaps behind a host
-// that ignores SIGCHLD).
+// pidfd where the host ignores SIGCHLD (the kernel then reaps the child, and
+// only the pidfd keeps its exit status).
 //
 // On x86-64 the child shares the parent's memory on a stack of its own
 // while the parent waits (CLONE_VM | CLONE_VFORK), as posix_spawn's child
-// does, so no page table is copied however large the host is. Elsewhere it
+// does, so no page table is copied however large the host is, and a failed
+// exec leaves its errno in that memory (no report pipe). Elsewhere it
 // gets a copy, as after fork. Either way the child only reads its plan and
 // makes system calls, directly: libc's wrappers may be intercepted by a
 // sanitizer whose locks another thread of the host may hold.
