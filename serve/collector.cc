@@ -25,9 +25,8 @@ void AddResources(const Snapshot& last, const qvehost::RunResources& r,
   next->memory_peak_bytes = static_cast<double>(r.memory_peak_bytes);
 }
 
-// A note carries a command's own text (its standard error, a message): each
-// control byte is escaped so that the text cannot begin a log line of its
-// own.
+}  // namespace
+
 std::string LogSafe(std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string safe;
@@ -52,8 +51,6 @@ std::string LogSafe(std::string_view text) {
   }
   return safe;
 }
-
-}  // namespace
 
 Collector::Collector(CollectorConfig config,
                      const agent::EntryPoints& entry_points,

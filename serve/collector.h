@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "agent/evaluate.h"
 #include "serve/config.h"
@@ -41,6 +42,11 @@ struct Snapshot {
   double io_write_bytes = 0;
   double memory_peak_bytes = 0;
 };
+
+// A note carries a command's own text (its standard error, a message): each
+// control byte is escaped so that the text cannot begin a log line of its
+// own.
+std::string LogSafe(std::string_view text);
 
 class Collector {
  public:

@@ -167,8 +167,8 @@ void AddRoutes(HttpServer& server, Scheduler& scheduler,
   server.Get("/healthz", [](const HttpRequest&, HttpResponse& response) {
     response.Set("ok\n", "text/plain; charset=utf-8");
   });
-  server.Get("/", [&](const HttpRequest&, HttpResponse& response) {
-    response.Set(StatusPage(scheduler), "text/html; charset=utf-8");
+  server.Get("/", [&, prober](const HttpRequest&, HttpResponse& response) {
+    response.Set(StatusPage(scheduler, prober), "text/html; charset=utf-8");
   });
 }
 

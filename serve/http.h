@@ -49,7 +49,7 @@ void SetExposition(const HttpRequest& request, std::string body, Format format,
                    HttpResponse& response);
 
 // An HTML page: each collector's schedule, status, value age, last error.
-std::string StatusPage(const Scheduler& scheduler);
+std::string StatusPage(const Scheduler& scheduler, const Prober* prober);
 
 // With a prober, /probe as well.
 void AddRoutes(HttpServer& server, Scheduler& scheduler,

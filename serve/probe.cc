@@ -1,5 +1,7 @@
 #include "serve/probe.h"
 
+#include <spdlog/spdlog.h>
+
 #include <algorithm>
 #include <atomic>
 
@@ -47,6 +49,29 @@ SteadyTime ProbeDeadline(const HttpRequest& request, Duration timeout,
   return steady_clock::now() +
          std::max(std::min<steady_clock::duration>(scraper, timeout),
                   steady_clock::duration::zero());
+}
+
+// A failed probe is common (a target down, asked again at the next scrape):
+// its notes go to the debug log, with the values that made it.
+void LogFailedProbe(const std::string& module, const ParamValues& values,
+                    const std::vector<std::string>& notes) {
+  if (!spdlog::should_log(spdlog::level::debug)) return;
+  std::string query;
+  for (const auto& [name, value] : values) query += " " + name + "=" + value;
+  for (const std::string& note : notes) {
+    spdlog::debug("probe {}{}: {}", module, LogSafe(query), LogSafe(note));
+  }
+}
+
+// A module's parameters as a request names them: "target, port=80".
+std::string ParamsText(const ModuleConfig& module) {
+  std::string text;
+  for (const ModuleParam& param : module.params) {
+    if (!text.empty()) text += ", ";
+    text += param.name;
+    if (param.default_value) text += "=" + *param.default_value;
+  }
+  return text;
 }
 
 const char* RefusalName(Refusal refusal) {
@@ -173,6 +198,7 @@ FamiliesPtr Prober::Run(const ProbeModule& module, const ParamValues& values,
       ++counts.failures[static_cast<size_t>(*run.mapped.failure)];
     }
   }
+  if (run.mapped.failure) LogFailedProbe(name, values, run.mapped.notes);
   Families families = ProbeFamilies(run.success, run.outcome.duration_seconds);
   for (Family& family : run.mapped.families) families.push_back(std::move(family));
   return std::make_shared<const Families>(std::move(families));
@@ -270,6 +296,23 @@ Families Prober::MetaFamilies() const {
   families.push_back(std::move(failures));
   families.push_back(std::move(refusals));
   return families;
+}
+
+std::vector<Prober::ModuleStatus> Prober::Status() const {
+  const std::shared_ptr<ModuleSet> set = modules();
+  std::lock_guard lock(mutex_);
+  std::vector<ModuleStatus> rows;
+  for (const ProbeModule& module : set->modules) {
+    ModuleStatus row{module.config.collector.name, ParamsText(module.config)};
+    const auto found = counts_.find(row.name);
+    if (found != counts_.end()) {
+      row.probes = found->second.probes;
+      for (const uint64_t n : found->second.failures) row.failures += n;
+      for (const uint64_t n : found->second.refusals) row.refusals += n;
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
 }
 
 void Prober::Stop() {

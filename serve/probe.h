@@ -72,6 +72,16 @@ class Prober {
   // fetchlet_probe_refusals_total, per module.
   Families MetaFamilies() const;
 
+  // A module as the status page shows it.
+  struct ModuleStatus {
+    std::string name;
+    std::string params;  // its parameters, as a /probe query would name them
+    uint64_t probes = 0;
+    uint64_t failures = 0;
+    uint64_t refusals = 0;
+  };
+  std::vector<ModuleStatus> Status() const;
+
   // Ends every running probe; later requests are answered 503.
   void Stop();
 

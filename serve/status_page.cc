@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include "serve/http.h"
+#include "serve/probe.h"
 
 namespace fetchlet::serve {
 namespace {
@@ -59,9 +60,26 @@ std::string Row(const Collector& collector, SteadyTime now) {
          "</td></tr>\n";
 }
 
+// The probe modules, as /probe?module=NAME&target=... asks for them.
+std::string ModuleTable(const Prober& prober) {
+  const std::vector<Prober::ModuleStatus> modules = prober.Status();
+  if (modules.empty()) return "";
+  std::string table =
+      "<h2>probe modules</h2>\n<table>\n"
+      "<tr><th>module</th><th>parameters</th><th>probes</th>"
+      "<th>failed</th><th>refused</th></tr>\n";
+  for (const Prober::ModuleStatus& m : modules) {
+    table += "<tr><td>" + Escaped(m.name) + "</td><td>" + Escaped(m.params) +
+             "</td><td>" + std::to_string(m.probes) +
+             "</td><td>" + std::to_string(m.failures) + "</td><td>" +
+             std::to_string(m.refusals) + "</td></tr>\n";
+  }
+  return table + "</table>\n";
+}
+
 }  // namespace
 
-std::string StatusPage(const Scheduler& scheduler) {
+std::string StatusPage(const Scheduler& scheduler, const Prober* prober) {
   std::string page =
       "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\">"
       "<title>fetchlet serve</title></head><body>\n<h1>fetchlet serve</h1>\n"
@@ -72,7 +90,9 @@ std::string StatusPage(const Scheduler& scheduler) {
   for (const CollectorPtr& collector : scheduler.collectors()) {
     page += Row(*collector, now);
   }
-  return page + "</table>\n</body></html>\n";
+  page += "</table>\n";
+  if (prober != nullptr) page += ModuleTable(*prober);
+  return page + "</body></html>\n";
 }
 
 }  // namespace fetchlet::serve

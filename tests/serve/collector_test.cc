@@ -135,7 +135,7 @@ TEST(CollectorTest, PluginsFirstLineOnTheStatusPage) {
     collector->Publish(Rows({{c.first_line + "\nfetchlet-exit-status 0\n"}}));
     Scheduler scheduler(1, 0);
     scheduler.SetCollectors({collector});
-    const std::string page = StatusPage(scheduler);
+    const std::string page = StatusPage(scheduler, nullptr);
     scheduler.Stop();
     EXPECT_NE(page.find(c.cell), std::string::npos) << page.substr(0, 2000);
     for (const Family& family : *collector->snapshot()->families) {

@@ -3,6 +3,8 @@
 // deadline with no process left.
 #include <httplib.h>
 #include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
 
 #include <sys/wait.h>
 
@@ -360,6 +362,33 @@ TEST_F(ProbeServerTest, AReloadReplacesTheModules) {
     EXPECT_EQ(response->status, c.status) << c.name;
   }
   EXPECT_TRUE(Has(Metrics(), "fetchlet_probes_total{module=\"new\"} 1\n"));
+}
+
+// A failed probe is logged at debug level only, with the values that made
+// it; the status page counts each module's probes.
+TEST_F(ProbeServerTest, FailuresLogAtDebugAndModulesShowOnTheStatusPage) {
+  std::ostringstream log;
+  auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
+  sink->set_pattern("[%l] %v");
+  auto logger = std::make_shared<spdlog::logger>("test", sink);
+  logger->set_level(spdlog::level::debug);
+  const auto saved = spdlog::default_logger();
+  spdlog::set_default_logger(logger);
+  Start("  - name: fails\n    kind: os\n    format: prometheus\n"
+        "    properties: {command: \"sh -c 'echo down >&2; exit 3' ${target}\"}\n"
+        "    params: {port: {pattern: '[0-9]+', default: '80'}}\n");
+  const auto response = Get("/probe?module=fails&target=db1");
+  const auto page = Get("/");
+  server_->Stop();
+  spdlog::set_default_logger(saved);
+  ASSERT_TRUE(response && page);
+  EXPECT_TRUE(Has(response->body, "probe_success 0\n"));
+  EXPECT_TRUE(Has(log.str(), "[debug] probe fails target=db1 port=80: "
+                             "failed (kind 12): down\\n\n"))
+      << log.str();
+  EXPECT_TRUE(Has(page->body, "<tr><td>fails</td><td>target, port=80</td>"
+                              "<td>1</td><td>1</td><td>0</td></tr>"))
+      << page->body;
 }
 
 struct Ran {
