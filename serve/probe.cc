@@ -57,7 +57,9 @@ void LogFailedProbe(const std::string& module, const ParamValues& values,
                     const std::vector<std::string>& notes) {
   if (!spdlog::should_log(spdlog::level::debug)) return;
   std::string query;
-  for (const auto& [name, value] : values) query += " " + name + "=" + value;
+  for (const auto& [name, value] : values) {
+    query.append(" ").append(name).append("=").append(value);
+  }
   for (const std::string& note : notes) {
     spdlog::debug("probe {}{}: {}", module, LogSafe(query), LogSafe(note));
   }
