@@ -1,16 +1,7 @@
 // fetchlet test, run as a user runs it, through the build tree's plug-in.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <filesystem>
-
 #include <nlohmann/json.hpp>
 
-#include "common/processes.h"
-#include "serve_test_support.h"
-
-extern char** environ;
+#include "tests/serve/serve_runtime_support.h"
 
 namespace qvetest {
 namespace {
@@ -26,32 +17,11 @@ struct Outcome {
 
 Outcome RunFetchlet(std::vector<std::string> args) {
   args.insert(args.begin(), QVE_FETCHLET_BIN);
-  const std::string out = ServeTempPath("out"), err = ServeTempPath("err");
-  const pid_t pid = qvetest::SpawnWithOutput(std::move(args), out, err);
-  Outcome outcome;
-  if (pid > 0) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  outcome.out = ReadServeFile(out);
-  std::istringstream lines(ReadServeFile(err));
-  for (std::string line; std::getline(lines, line);) {
-    outcome.err.push_back(line);
-  }
+  const Ran ran = RunProgram(std::move(args));
+  Outcome outcome{ran.status, ran.out, {}};
+  std::istringstream lines(ran.err);
+  for (std::string line; std::getline(lines, line);) outcome.err.push_back(line);
   return outcome;
-}
-
-// Whether a live "sleep SECONDS" runs anywhere (a zombie has no command
-// line).
-bool SleepRunning(const std::string& seconds) {
-  const std::string wanted = "sleep" + std::string(1, '\0') + seconds;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string cmdline =
-        ReadServeFile(entry.path().string() + "/cmdline");
-    if (cmdline.starts_with(wanted)) return true;
-  }
-  return false;
 }
 
 constexpr const char* kConfig = R"(collectors:
@@ -137,7 +107,7 @@ TEST(ServeTestCommandTest, JsonShowsSamplesFailuresAndNotes) {
   EXPECT_EQ(objects[2]["exception"],
             Json::parse(R"({"kind":12,
               "message":"/nonexistent/probe: not found"})"));
-  EXPECT_FALSE(SleepRunning("61.5"));
+  EXPECT_EQ(ProcessesWith("sleep 61.5"), 0);
   EXPECT_EQ(outcome.err,
             (Lines{"filesystem: row 3 dropped: 'x' is not a number",
                    "missing: failed (kind 12): /nonexistent/probe: not found",
@@ -161,6 +131,10 @@ TEST(ServeTestCommandTest, ExitStatuses) {
       "no_command.yaml",
       "collectors:\n  - {name: one, kind: osline, on_scrape: {cache_for: "
       "0s}, metrics: [{name: one, help: h, value: {column: 0}}]}\n");
+  const Lines broken_lines = {
+      broken + ":2:5: a collector needs exactly one of 'interval' and 'on_scrape'",
+      broken + ":2:5: a collector needs the property 'command'",
+      broken + ":2:5: an osline collector needs 'metrics'"};
   const struct {
     std::vector<std::string> args;
     int status;
@@ -175,13 +149,7 @@ TEST(ServeTestCommandTest, ExitStatuses) {
        2,
        {"fetchlet: no collector named 'two' in " + good},
        ""},
-      {{"test", "--config", broken},
-       2,
-       {broken + ":2:5: a collector needs exactly one of 'interval' and "
-                 "'on_scrape'",
-        broken + ":2:5: a collector needs the property 'command'",
-        broken + ":2:5: an osline collector needs 'metrics'"},
-       ""},
+      {{"test", "--config", broken}, 2, broken_lines, ""},
       {{"test", "--config", good, "--format", "json"}, 2, {}, ""},
       {{"serve", "--check-config", good}, 0, {}, ""},
       {{"serve", "--check-config", warned},
@@ -193,13 +161,7 @@ TEST(ServeTestCommandTest, ExitStatuses) {
        1,
        {no_command + ":2:5: a collector needs the property 'command'"},
        ""},
-      {{"serve", "--check-config", broken},
-       1,
-       {broken + ":2:5: a collector needs exactly one of 'interval' and "
-                 "'on_scrape'",
-        broken + ":2:5: a collector needs the property 'command'",
-        broken + ":2:5: an osline collector needs 'metrics'"},
-       ""},
+      {{"serve", "--check-config", broken}, 1, broken_lines, ""},
   };
   for (const auto& c : cases) {
     const Outcome outcome = RunFetchlet(c.args);

@@ -2,14 +2,12 @@
 // wired into the configuration and the evaluation through the fetchlets.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 
 #include <regex>
 #include <sstream>
 
-#include "../common/processes.h"
 #include "format_test_support.h"
 #include "serve_test_support.h"
 
@@ -27,15 +25,10 @@ std::string Script(const std::string& name, const std::string& body) {
 
 // The objects of fetchlet test --json, one per collector in config.
 std::vector<Json> TestJsonLines(const std::string& config) {
-  const std::string out = ServeTempPath("format-out");
-  const pid_t pid = SpawnWithOutput(
-      {QVE_FETCHLET_BIN, "test", "--config", WriteServeFile("format.yaml", config),
-       "--json"},
-      out, ServeTempPath("format-err"));
-  int status = 0;
-  if (pid > 0) waitpid(pid, &status, 0);
+  const Ran ran = RunProgram({QVE_FETCHLET_BIN, "test", "--config",
+                              WriteServeFile("format.yaml", config), "--json"});
   std::vector<Json> objects;
-  std::istringstream lines(ReadServeFile(out));
+  std::istringstream lines(ran.out);
   for (std::string line; std::getline(lines, line);) {
     objects.push_back(Json::parse(line, nullptr, false));
   }
@@ -268,13 +261,10 @@ TEST(FormatCommandTest, ConfigurationProblems) {
        "missing value pointer"},
   };
   for (const Case& c : cases) {
-    const std::string path = WriteServeFile("bad.yaml", c.body);
-    std::vector<fetchlet::serve::ConfigProblem> problems, warnings;
-    EXPECT_FALSE(fetchlet::serve::LoadConfig(path, &problems, &warnings));
-    Lines messages;
-    for (const auto& problem : problems) messages.push_back(problem.message);
-    EXPECT_NE(std::find(messages.begin(), messages.end(), c.problem), messages.end())
-        << c.body << Json(messages);
+    const Lines problems = ConfigProblems(c.body);
+    EXPECT_TRUE(std::any_of(problems.begin(), problems.end(), [&](const auto& p) {
+      return p.ends_with(": " + c.problem);
+    })) << c.body << Json(problems);
   }
 }
 

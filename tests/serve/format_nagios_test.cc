@@ -1,11 +1,9 @@
 // format: nagios: state, performance data in base units and thresholds as
 // series; and fetchlet-exit-status, which carries the exit status.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cmath>
 
-#include "../common/processes.h"
 #include "format_test_support.h"
 #include "serve/format_nagios.h"
 #include "serve_test_support.h"
@@ -18,7 +16,6 @@ using fetchlet::serve::ParseNagios;
 using fetchlet::serve::ParseRange;
 using fetchlet::serve::Parsed;
 using Lines = std::vector<std::string>;
-
 
 struct Case {
   std::string name;
@@ -185,13 +182,9 @@ TEST(ExitStatusHelper, AppendsTheStatus) {
   for (const HelperRun& run : runs) {
     std::vector<std::string> argv = run.argv;
     argv.insert(argv.begin(), QVE_EXIT_STATUS_BIN);
-    const std::string out = ServeTempPath("exit-out");
-    const pid_t pid = SpawnWithOutput(argv, out, ServeTempPath("exit-err"));
-    ASSERT_GT(pid, 0);
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, run.status) << run.name;
-    EXPECT_EQ(ReadServeFile(out), run.out) << run.name;
+    const Ran ran = RunProgram(argv);
+    EXPECT_EQ(ran.status, run.status) << run.name;
+    EXPECT_EQ(ran.out, run.out) << run.name;
   }
 }
 

@@ -6,7 +6,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <functional>
@@ -16,7 +15,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../common/processes.h"
 #include "format_test_support.h"
 #include "serve_test_support.h"
 
@@ -30,12 +28,8 @@ constexpr const char* kScripts = "/usr/share/prometheus-node-exporter-collectors
 
 // What argv printed on standard output, once it ended.
 std::string Output(const std::vector<std::string>& argv) {
-  const std::string out = ServeTempPath("real-out");
-  const pid_t pid = SpawnWithOutput(argv, out, ServeTempPath("real-err"));
-  int status = 0;
-  if (pid > 0) waitpid(pid, &status, 0);
-  return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ReadServeFile(out)
-                                                                   : "";
+  const Ran ran = RunProgram(argv);
+  return ran.status == 0 ? ran.out : "";
 }
 
 // fetchlet test --json on one os collector c of format running command,

@@ -4,15 +4,11 @@
 #include <httplib.h>
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
 #include <filesystem>
 #include <future>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
-#include "common/processes.h"
 #include "serve/module_params.h"
 #include "serve/probe.h"
 #include "serve/server.h"
@@ -34,17 +30,6 @@ constexpr const char* kModule = R"(modules:
     metrics:
       - {name: v, help: h, type: info, labels: {text: 1}}
 )";
-
-Lines Problems(const std::string& text) {
-  const std::string path = qvetest::WriteServeFile("modules.yaml", text);
-  std::vector<ConfigProblem> problems, warnings;
-  EXPECT_FALSE(LoadConfig(path, &problems, &warnings).has_value());
-  Lines lines;
-  for (const auto& problem : problems) {
-    lines.push_back("F" + problem.ToString().substr(path.size()));
-  }
-  return lines;
-}
 
 TEST(ProbeConfigTest, BrokenModulesNameEachProblemWithItsPlace) {
   const struct {
@@ -84,7 +69,7 @@ TEST(ProbeConfigTest, BrokenModulesNameEachProblemWithItsPlace) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    EXPECT_EQ(Problems(c.text), c.expected);
+    EXPECT_EQ(qvetest::ConfigProblems(c.text), c.expected);
   }
 }
 
@@ -362,29 +347,13 @@ TEST_F(ProbeServerTest, AReloadReplacesTheModules) {
   EXPECT_TRUE(Has(Metrics(), "fetchlet_probes_total{module=\"new\"} 1\n"));
 }
 
-struct Ran {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-Ran RunTest(std::vector<std::string> args) {
+qvetest::Ran RunTest(std::vector<std::string> args) {
   const std::string config = qvetest::WriteServeFile(
       "probe-cli.yaml", std::string(kModule) +
                             "  - {name: down, kind: os, format: prometheus, "
                             "properties: {command: /bin/false}}\n");
   args.insert(args.begin(), {QVE_FETCHLET_BIN, "test", "--config", config});
-  const std::string out = qvetest::ServeTempPath("probe-out");
-  const std::string err = qvetest::ServeTempPath("probe-err");
-  const pid_t pid = qvetest::SpawnWithOutput(std::move(args), out, err);
-  Ran ran;
-  int status = 0;
-  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-    ran.status = WEXITSTATUS(status);
-  }
-  ran.out = qvetest::ReadServeFile(out);
-  ran.err = qvetest::ReadServeFile(err);
-  return ran;
+  return qvetest::RunProgram(std::move(args));
 }
 
 TEST(ProbeCommandTest, TestRunsOneProbeWithTheChecksOfProbe) {
@@ -409,11 +378,11 @@ TEST(ProbeCommandTest, TestRunsOneProbeWithTheChecksOfProbe) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[1] + " " + c.args.back());
-    const Ran ran = RunTest(c.args);
+    const qvetest::Ran ran = RunTest(c.args);
     EXPECT_EQ(ran.status, c.status) << ran.err;
     EXPECT_TRUE(Has(c.on_err ? ran.err : ran.out, c.out)) << ran.out << ran.err;
   }
-  const Ran json = RunTest({"--module", "m", "--target", "a", "--json"});
+  const qvetest::Ran json = RunTest({"--module", "m", "--target", "a", "--json"});
   const auto object = nlohmann::json::parse(json.out);
   EXPECT_EQ(object["module"], "m");
   EXPECT_EQ(object["samples"][0]["name"], "probe_success");

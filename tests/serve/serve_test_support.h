@@ -3,6 +3,7 @@
 #define QVE_TESTS_SERVE_SERVE_TEST_SUPPORT_H_
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/processes.h"
 #include "serve/config.h"
 
 namespace qvetest {
@@ -32,6 +34,40 @@ inline std::string ReadServeFile(const std::string& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+struct Ran {
+  int status = -1;  // -1: it did not exit
+  std::string out, err;
+};
+
+// argv run to its end, with what it printed on each stream.
+inline Ran RunProgram(std::vector<std::string> argv) {
+  const std::string out = ServeTempPath("run-out"), err = ServeTempPath("run-err");
+  const pid_t pid = SpawnWithOutput(std::move(argv), out, err);
+  Ran ran;
+  int status = 0;
+  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    ran.status = WEXITSTATUS(status);
+  }
+  ran.out = ReadServeFile(out);
+  ran.err = ReadServeFile(err);
+  return ran;
+}
+
+// The problems (or warnings) of loading text, as "F:LINE:COLUMN: MESSAGE".
+inline std::vector<std::string> ConfigProblems(const std::string& text,
+                                               bool warnings = false) {
+  const std::string path = WriteServeFile("problems.yaml", text);
+  std::vector<fetchlet::serve::ConfigProblem> problems, warned;
+  const bool loaded =
+      fetchlet::serve::LoadConfig(path, &problems, &warned).has_value();
+  EXPECT_EQ(loaded, problems.empty());
+  std::vector<std::string> lines;
+  for (const auto& problem : warnings ? warned : problems) {
+    lines.push_back("F" + problem.ToString().substr(path.size()));
+  }
+  return lines;
 }
 
 // The configuration text, loaded; a test failure when it does not load.
