@@ -154,9 +154,10 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
   }
 }
 
-// The README's example, with a password file of this test's own.
-TEST(ServeConfigTest, ReadmeExampleLoads) {
-  const std::string readme = ReadServeFile(QVE_SOURCE_DIR "/README.md");
+// The README's examples: the configuration, with a password file of this
+// test's own, and a collector of each format.
+TEST(ServeConfigTest, ReadmeExamplesLoad) {
+  const std::string readme = FileBytes(QVE_SOURCE_DIR "/README.md");
   const std::regex block("```yaml\n([^`]*collectors:[^`]*)```");
   std::smatch example;
   ASSERT_TRUE(std::regex_search(readme, example, block))
@@ -165,19 +166,16 @@ TEST(ServeConfigTest, ReadmeExampleLoads) {
   const std::string text = std::regex_replace(
       example[1].str(), std::regex("password_file: *[^ \n]+"),
       "password_file: " + password);
-  const Config config = LoadServeConfig(text);
-  EXPECT_FALSE(config.collectors.empty());
-}
-
-TEST(ServeConfigTest, MetricTimeoutAmongPropertiesIsOnlyAWarning) {
-  const std::string text =
-      "collectors:\n  - name: c\n    kind: os\n    interval: 1s\n"
-      "    properties: {command: uptime, KT_METRIC_TIMEOUT: '5'}\n"
-      "    regex: 'x'\n    metrics: [{name: v, help: h, value: {column: 0}}]\n";
-  EXPECT_EQ(ConfigProblems(text), Lines{});
-  EXPECT_EQ(ConfigProblems(text, true),
-            Lines{"F:5:35: KT_METRIC_TIMEOUT makes the fetchlet ignore aborts; "
-                  "use the collector's timeout"});
+  EXPECT_FALSE(LoadServeConfig(text).collectors.empty());
+  const std::regex format("```yaml\n(  - name:[^`]*format: (\\w+)[^`]*)```");
+  Lines formats;
+  for (std::sregex_iterator it(readme.begin(), readme.end(), format), end;
+       it != end; ++it) {
+    formats.push_back((*it)[2]);
+    const Config config = LoadServeConfig("collectors:\n" + (*it)[1].str());
+    EXPECT_EQ(config.collectors.size(), 1u) << (*it)[1];
+  }
+  EXPECT_EQ(formats, (Lines{"prometheus", "nagios", "json"}));
 }
 
 TEST(ServeConfigTest, ValuesLoadAsWrittenAndJsonMatchesYaml) {

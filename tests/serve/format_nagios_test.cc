@@ -97,7 +97,7 @@ TEST_P(NagiosFormat, SamplesAndCounts) {
   const int status = std::stoi(c.output.substr(at + 21));
   Lines expected = State(status <= 3 ? status : 3, status);
   expected.insert(expected.end(), c.samples.begin(), c.samples.end());
-  EXPECT_EQ(RenderedSamples(parsed), expected);
+  EXPECT_EQ(RenderedSamples(parsed.families), expected);
   EXPECT_EQ(parsed.message, c.message);
   EXPECT_EQ(parsed.parse, c.parse) << testing::PrintToString(parsed.notes);
   EXPECT_EQ(parsed.duplicate, c.duplicate);

@@ -3,9 +3,6 @@
 // Prometheus.
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <filesystem>
 #include <functional>
@@ -17,6 +14,7 @@
 
 #include "format_test_support.h"
 #include "serve_test_support.h"
+#include "serve_wire_support.h"
 
 namespace qvetest {
 namespace {
@@ -83,19 +81,6 @@ class Loopback {
   std::thread thread_;
 };
 
-// A loopback port nothing listens on: bound without listening, released.
-std::string ClosedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  close(fd);
-  return std::to_string(ntohs(address.sin_port));
-}
-
 TEST(RealPluginsTest, StatesAndPerformanceData) {
   if (!std::filesystem::exists(std::string(kPlugins) + "check_tcp")) {
     GTEST_SKIP() << "monitoring-plugins-basic is not installed";
@@ -111,7 +96,7 @@ TEST(RealPluginsTest, StatesAndPerformanceData) {
       {"check_dummy 1 so-so", "warning", ""},
       {"check_dummy 3 what", "unknown", ""},
       {"check_tcp -H 127.0.0.1 -p " + web.port(), "ok", "nagios_c_time_seconds"},
-      {"check_tcp -H 127.0.0.1 -p " + ClosedPort(), "critical", ""},
+      {"check_tcp -H 127.0.0.1 -p " + std::to_string(FreePort()), "critical", ""},
       {"check_http -H 127.0.0.1 -p " + web.port(), "ok", "nagios_c_size_bytes"},
       {"check_http -H 127.0.0.1 -u /fail -p " + web.port(), "critical",
        "nagios_c_time_seconds"},

@@ -1,5 +1,5 @@
-// What a format parser's samples look like once rendered: the 0.0.4 text
-// that Prometheus reads.
+// What a format parser's or a mapping's samples look like once rendered:
+// the 0.0.4 text that Prometheus reads.
 #ifndef QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
 #define QVE_TESTS_SERVE_FORMAT_TEST_SUPPORT_H_
 
@@ -16,17 +16,17 @@
 
 namespace qvetest {
 
-inline std::string Rendered(const fetchlet::serve::Parsed& parsed) {
+inline std::string Rendered(const fetchlet::serve::Families& families) {
   return fetchlet::serve::RenderExposition(
-      {std::make_shared<const fetchlet::serve::Families>(parsed.families)},
+      {std::make_shared<const fetchlet::serve::Families>(families)},
       fetchlet::serve::Format::kText);
 }
 
 // The sample lines of Rendered, without HELP and TYPE.
 inline std::vector<std::string> RenderedSamples(
-    const fetchlet::serve::Parsed& parsed) {
+    const fetchlet::serve::Families& families) {
   std::vector<std::string> lines;
-  std::istringstream text(Rendered(parsed));
+  std::istringstream text(Rendered(families));
   for (std::string line; std::getline(text, line);) {
     if (!line.starts_with("#")) lines.push_back(line);
   }

@@ -127,7 +127,8 @@ class ListenerTest : public testing::Test {
   bool release_set_ = false;
 };
 
-// Each head on a connection of its own; the status line answering it.
+// Each head on a connection of its own; the status line answering it (a
+// long request line and a large body: BodiesAndHugeLinesAreRefusedUnread).
 TEST_F(ListenerTest, HeadsABoundedServerMustNotReadAreRefused) {
   Start({});
   std::string many = "GET /echo HTTP/1.1\r\n";
@@ -141,12 +142,10 @@ TEST_F(ListenerTest, HeadsABoundedServerMustNotReadAreRefused) {
       {"GET /echo HTTP/1.0\r\n\r\n", "200"},
       {"GET /echo HTTP/1.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
        "200"},
-      {"GET /" + std::string(30000, 'a') + " HTTP/1.1\r\n\r\n", "414"},
       {many + "\r\n", "431"},
       {"GET /echo HTTP/1.1\r\nX: " + std::string(40000, 'v') + "\r\n\r\n",
        "431"},
       {"POST /echo HTTP/1.1\r\n\r\n", "405"},
-      {"POST /echo HTTP/1.1\r\nContent-Length: 1073741824\r\n\r\n", "413"},
       {"GET /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", "413"},
       {"GET /echo HTTP/2.0\r\n\r\n", "505"},
       {"GET /echo HTTP/1.1\r\nNo colon\r\n\r\n", "400"},

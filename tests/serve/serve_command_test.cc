@@ -94,7 +94,7 @@ class ServeCommandTest : public testing::Test {
            std::to_string(port_) + more;
   }
 
-  std::string Log() { return qvetest::ReadServeFile(dir_ + "/serve.log"); }
+  std::string Log() { return qvetest::FileBytes(dir_ + "/serve.log"); }
 
   static inline std::string dir_;
   qvetest::NotifySocket socket_;
@@ -113,7 +113,7 @@ TEST_F(ServeCommandTest, ToldReadyWhenBoundReloadingAroundHupStoppingAtTerm) {
   {  // a second serve on the held address, which it names, and no sharing
     ServeProcess second(Args(), dir_ + "/second.log");
     EXPECT_EQ(second.Wait(), 1);
-    EXPECT_NE(qvetest::ReadServeFile(dir_ + "/second.log")
+    EXPECT_NE(qvetest::FileBytes(dir_ + "/second.log")
                   .find("fetchlet: cannot listen on 127.0.0.1:" +
                         std::to_string(port_) + ": Address already in use"),
               std::string::npos);
@@ -174,7 +174,7 @@ TEST_F(ServeCommandTest, TlsAndBasicAuthGuardEveryRoute) {
     }
     int exit_status = 0;
     qvetest::CurlStatus(dir_, cert + "-D headers" + url, &exit_status);
-    EXPECT_NE(qvetest::ReadServeFile(dir_ + "/headers")
+    EXPECT_NE(qvetest::FileBytes(dir_ + "/headers")
                   .find("WWW-Authenticate: Basic realm=\"fetchlet\""),
               std::string::npos);
   }

@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "common/processes.h"
+#include "common/test_account.h"
 #include "serve/config.h"
 
 namespace qvetest {
@@ -29,13 +29,6 @@ inline std::string WriteServeFile(const std::string& name,
   return path;
 }
 
-inline std::string ReadServeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 struct Ran {
   int status = -1;  // -1: it did not exit
   std::string out, err;
@@ -50,21 +43,20 @@ inline Ran RunProgram(std::vector<std::string> argv) {
   if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
     ran.status = WEXITSTATUS(status);
   }
-  ran.out = ReadServeFile(out);
-  ran.err = ReadServeFile(err);
+  ran.out = FileBytes(out);
+  ran.err = FileBytes(err);
   return ran;
 }
 
-// The problems (or warnings) of loading text, as "F:LINE:COLUMN: MESSAGE".
-inline std::vector<std::string> ConfigProblems(const std::string& text,
-                                               bool warnings = false) {
+// The problems of loading text, as "F:LINE:COLUMN: MESSAGE".
+inline std::vector<std::string> ConfigProblems(const std::string& text) {
   const std::string path = WriteServeFile("problems.yaml", text);
-  std::vector<fetchlet::serve::ConfigProblem> problems, warned;
+  std::vector<fetchlet::serve::ConfigProblem> problems, warnings;
   const bool loaded =
-      fetchlet::serve::LoadConfig(path, &problems, &warned).has_value();
+      fetchlet::serve::LoadConfig(path, &problems, &warnings).has_value();
   EXPECT_EQ(loaded, problems.empty());
   std::vector<std::string> lines;
-  for (const auto& problem : warnings ? warned : problems) {
+  for (const auto& problem : problems) {
     lines.push_back("F" + problem.ToString().substr(path.size()));
   }
   return lines;

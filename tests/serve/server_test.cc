@@ -15,10 +15,7 @@ using qvetest::WaitFor;
 
 std::string Collector(const std::string& name, const std::string& command,
                       const std::string& interval) {
-  return "  - name: " + name + "\n    kind: os\n    properties: {command: '" +
-         command + "'}\n    interval: " + interval +
-         "\n    timeout: 1h\n    regex: '([0-9]+)'\n    metrics:\n"
-         "      - {name: " + name + "_value, help: A value., value: {column: 1}}\n";
+  return qvetest::OsCollector(name, command, "interval: " + interval, "1h");
 }
 
 class ServerTest : public testing::Test {
