@@ -5,8 +5,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <sstream>
-
 #include "format_test_support.h"
 #include "serve_test_support.h"
 
@@ -22,36 +20,13 @@ std::string Script(const std::string& name, const std::string& body) {
   return path;
 }
 
-// The objects of fetchlet test --json, one per collector in config.
-std::vector<Json> TestJsonLines(const std::string& config) {
-  const Ran ran = RunProgram({QVE_FETCHLET_BIN, "test", "--config",
-                              WriteServeFile("format.yaml", config), "--json"});
-  std::vector<Json> objects;
-  std::istringstream lines(ran.out);
-  for (std::string line; std::getline(lines, line);) {
-    objects.push_back(Json::parse(line, nullptr, false));
-  }
-  return objects;
-}
-
-Json TestJson(const std::string& config) {
-  const std::vector<Json> objects = TestJsonLines(config);
-  return objects.size() == 1 ? objects[0] : Json();
-}
-
-std::string Collector(const std::string& format, const std::string& command,
-                      const std::string& extra = "") {
-  return "collectors:\n  - name: c\n    kind: os\n    interval: 1m\n    format: " +
-         format + "\n" + extra + "    properties: {command: \"" + command + "\"}\n";
-}
-
 // The helper's status reaches the state (each state and status:
 // NagiosFormat), performance data and thresholds in base units.
 TEST(FormatCommandTest, NagiosThroughTheHelper) {
   const std::string check =
       Script("check", "echo 'TEXT | t=2ms;1;@3:4'\necho noise >&2\nexit 1\n");
   const Json outcome =
-      TestJson(Collector("nagios", std::string(QVE_EXIT_STATUS_BIN) + " " + check));
+      TestJson(FormatCollector("nagios", std::string(QVE_EXIT_STATUS_BIN) + " " + check));
   const auto values = SampleValues(outcome);
   EXPECT_EQ(outcome["failure"], "") << outcome;
   EXPECT_EQ(values.at("nagios_c_state,nagios_c_state=warning"), 1);
@@ -98,7 +73,7 @@ TEST(FormatCommandTest, AFloodPastTheOutputLimitFailsTheRun) {
       "big", "printf '['; yes '1,' | head -c 104857600 | tr -d '\\n'; printf '1]'\n");
   const Json outcome = TestJson(
       "output_limit: 1MiB\n" +
-      Collector("json", flood, "    metrics: [{name: v, help: h, value: {pointer: /v}}]\n"));
+      FormatCollector("json", flood, "    metrics: [{name: v, help: h, value: {pointer: /v}}]\n"));
   EXPECT_EQ(outcome["failure"], "run") << outcome;
   EXPECT_EQ(outcome["samples"].size(), 0u);
   EXPECT_EQ(outcome["notes"],
@@ -113,30 +88,30 @@ TEST(FormatCommandTest, ConfigurationProblems) {
   const std::string json_family =
       "    metrics:\n      - {name: v, help: h, value: {pointer: /v}}\n";
   const std::vector<Case> cases = {
-      {Collector("yaml", "/bin/true"), "unknown format 'yaml' (prometheus, nagios, json)"},
-      {Collector("prometheus", "/bin/true", "    regex: x\n"),
+      {FormatCollector("yaml", "/bin/true"), "unknown format 'yaml' (prometheus, nagios, json)"},
+      {FormatCollector("prometheus", "/bin/true", "    regex: x\n"),
        "'regex' is not used with a format"},
-      {Collector("nagios", "/bin/true", "    labels: {a: b}\n"),
+      {FormatCollector("nagios", "/bin/true", "    labels: {a: b}\n"),
        "'labels' is not used with format nagios"},
-      {Collector("prometheus", "/bin/true", "    prefix: 1x\n"), "invalid prefix '1x'"},
-      {Collector("prometheus", "/bin/true", "    labels: {__a: b}\n"),
+      {FormatCollector("prometheus", "/bin/true", "    prefix: 1x\n"), "invalid prefix '1x'"},
+      {FormatCollector("prometheus", "/bin/true", "    labels: {__a: b}\n"),
        "invalid label name '__a'"},
-      {Collector("prometheus", "/bin/true", "    rows: /a\n"),
+      {FormatCollector("prometheus", "/bin/true", "    rows: /a\n"),
        "'rows' is not used with format prometheus"},
-      {Collector("json", "/bin/true"), "a json format needs 'metrics'"},
-      {Collector("json", "/bin/true", "    prefix: a\n" + json_family),
+      {FormatCollector("json", "/bin/true"), "a json format needs 'metrics'"},
+      {FormatCollector("json", "/bin/true", "    prefix: a\n" + json_family),
        "'prefix' is not used with format json"},
-      {Collector("json", "/bin/true", "    rows: blockdevices\n" + json_family),
+      {FormatCollector("json", "/bin/true", "    rows: blockdevices\n" + json_family),
        "collector 'c', key 'rows': 'blockdevices' is not a JSON Pointer"},
-      {Collector("json", "/bin/true", "    children: /a~\n" + json_family),
+      {FormatCollector("json", "/bin/true", "    children: /a~\n" + json_family),
        "collector 'c', key 'children': '/a~' is not a JSON Pointer"},
-      {Collector("json", "/bin/true",
+      {FormatCollector("json", "/bin/true",
                  "    metrics:\n      - {name: v, help: h, value: {pointer: v}}\n"),
        "collector 'c', key 'pointer': 'v' is not a JSON Pointer"},
-      {Collector("json", "/bin/true",
+      {FormatCollector("json", "/bin/true",
                  "    metrics:\n      - {name: v, help: h, value: {column: 1}}\n"),
        "unknown key 'column' in value"},
-      {Collector("json", "/bin/true",
+      {FormatCollector("json", "/bin/true",
                  "    metrics:\n      - {name: v, help: h, value: {pointer: /v},"
                  " labels: {dev: name}}\n"),
        "collector 'c', key 'dev': 'name' is not a JSON Pointer"},

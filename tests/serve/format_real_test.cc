@@ -7,13 +7,11 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "format_test_support.h"
-#include "serve_test_support.h"
 #include "serve_wire_support.h"
 
 namespace qvetest {
@@ -30,17 +28,9 @@ std::string Output(const std::vector<std::string>& argv) {
   return ran.status == 0 ? ran.out : "";
 }
 
-// fetchlet test --json on one os collector c of format running command,
-// with the collector's other keys in extra.
 Json Evaluate(const std::string& format, const std::string& command,
               const std::string& extra = "") {
-  const std::string config =
-      "collectors:\n  - name: c\n    kind: os\n    interval: 1m\n    format: " +
-      format + "\n    properties: {command: \"" + command + "\"}\n" + extra;
-  const std::string path = WriteServeFile("real.yaml", config);
-  const Json parsed = Json::parse(
-      Output({QVE_FETCHLET_BIN, "test", "--config", path, "--json"}), nullptr, false);
-  return parsed.is_discarded() ? Json() : parsed;
+  return TestJson(FormatCollector(format, command, extra));
 }
 
 bool HasSample(const Json& outcome, const std::string& name) {
