@@ -1,6 +1,6 @@
 // The built program's serve command, as a service manager runs it: the
 // readiness messages around bind, reload and stop, and TLS with basic auth
-// on every route.
+// in front of the routes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
