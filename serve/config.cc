@@ -89,17 +89,8 @@ void ReadCollectors(YamlReader& reader, const YAML::Node& node,
   }
   std::map<std::string, Position> names;
   for (const YAML::Node& item : node) {
-    auto collector = ReadCollector(reader, item, config->evaluation_timeout);
+    auto collector = ReadListEntry(reader, item, *config, &names);
     if (!collector) continue;
-    const auto [it, fresh] = names.emplace(collector->name, collector->where);
-    if (!fresh) {
-      reader.Problem(item, "collector '" + collector->name +
-                               "' is already defined at line " +
-                               std::to_string(it->second.line));
-      continue;
-    }
-    InheritLimits(config->limits, &collector->limits);
-    CheckLimits(reader, collector->limits);
     config->collectors.push_back(std::move(*collector));
   }
 }

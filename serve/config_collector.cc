@@ -253,4 +253,23 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
   return collector;
 }
 
+std::optional<CollectorConfig> ReadListEntry(
+    YamlReader& reader, const YAML::Node& node, const Config& config,
+    std::map<std::string, Position>* names, ModuleConfig* module) {
+  auto collector =
+      ReadCollector(reader, node, config.evaluation_timeout, module);
+  if (!collector) return std::nullopt;
+  const auto [it, fresh] = names->emplace(collector->name, collector->where);
+  if (!fresh) {
+    const char* noun = module != nullptr ? "module" : "collector";
+    reader.Problem(node, std::string(noun) + " '" + collector->name +
+                             "' is already defined at line " +
+                             std::to_string(it->second.line));
+    return std::nullopt;
+  }
+  InheritLimits(config.limits, &collector->limits);
+  CheckLimits(reader, collector->limits);
+  return collector;
+}
+
 }  // namespace fetchlet::serve

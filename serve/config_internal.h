@@ -2,6 +2,7 @@
 #ifndef FETCHLET_SERVE_CONFIG_INTERNAL_H_
 #define FETCHLET_SERVE_CONFIG_INTERNAL_H_
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,13 @@ std::optional<CollectorConfig> ReadCollector(YamlReader& reader,
                                              const YAML::Node& node,
                                              Duration default_timeout,
                                              ModuleConfig* module = nullptr);
+
+// One entry of collectors or of modules (with module): read, its name not
+// already among *names, its unset limits the file's, and those checked.
+// nullopt when there is nothing to add.
+std::optional<CollectorConfig> ReadListEntry(
+    YamlReader& reader, const YAML::Node& node, const Config& config,
+    std::map<std::string, Position>* names, ModuleConfig* module = nullptr);
 
 // A module's own keys (params, cache_for), read into *module.
 void ReadModuleEntry(YamlReader& reader, const YamlReader::Entry& entry,

@@ -136,18 +136,8 @@ void ReadModules(YamlReader& reader, const YAML::Node& node, Config* config) {
   for (const YAML::Node& item : node) {
     ModuleConfig module;
     module.params.push_back(TargetParam());
-    auto collector =
-        ReadCollector(reader, item, config->evaluation_timeout, &module);
+    auto collector = ReadListEntry(reader, item, *config, &names, &module);
     if (!collector) continue;
-    const auto [it, fresh] = names.emplace(collector->name, collector->where);
-    if (!fresh) {
-      reader.Problem(item, "module '" + collector->name +
-                               "' is already defined at line " +
-                               std::to_string(it->second.line));
-      continue;
-    }
-    InheritLimits(config->limits, &collector->limits);
-    CheckLimits(reader, collector->limits);
     module.collector = std::move(*collector);
     CheckReferences(reader, item, module);
     CheckProbeFamilies(reader, module.collector);

@@ -33,8 +33,9 @@ TEST(AgentTest, KindsNamesAndPrefixesGoBothWays) {
   EXPECT_NE(error.find("/nonexistent/libqvefos.so"), std::string::npos);
 }
 
-TEST(AgentTest, EvaluatesUnderADeadlineAndEndsTheCommands) {
-  const std::string marker = qvetest::UniqueSleep(7);
+// A hung command met by its deadline, its processes ended: ScheduleTest,
+// which evaluates through here.
+TEST(AgentTest, EvaluatesUnderADeadline) {
   const struct {
     const char* name;
     std::string command;
@@ -45,9 +46,7 @@ TEST(AgentTest, EvaluatesUnderADeadlineAndEndsTheCommands) {
   } cases[] = {
       {"quick, no deadline", "/bin/echo 1", std::nullopt, 0, true, false},
       {"quick, well within", "/bin/echo 1", 10s, 0, true, false},
-      {"hung, its streams closed",
-       "/bin/sh -c \"exec >&- 2>&-; exec /bin/sleep " + marker + "\"", 300ms,
-       -1, false, true},
+      {"failed", "/bin/false", 10s, -1, false, false},
   };
   const auto entry_points = qvetest::EntryPoints(Kind::kOs);
   ASSERT_TRUE(entry_points.has_value());
@@ -63,8 +62,6 @@ TEST(AgentTest, EvaluatesUnderADeadlineAndEndsTheCommands) {
     EXPECT_EQ(outcome.timed_out, c.timed_out) << c.name;
     EXPECT_EQ(outcome.Succeeded(), c.status == 0 && c.result) << c.name;
   }
-  EXPECT_TRUE(qvetest::WaitFor(
-      [&] { return qvetest::ProcessesWith(marker) == 0; }, 5s));
 }
 
 }  // namespace

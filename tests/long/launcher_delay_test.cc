@@ -7,13 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <iostream>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "common/test_account.h"
 #include "host/launcher_support.h"
@@ -55,27 +51,6 @@ std::string WrongPasswords(const TestAccount& account,
   return seconds + "|" + unexpected;
 }
 
-// The same through su on a terminal as nobody, for comparison: seconds per
-// attempt, the wait before the password is typed included. Empty when su or
-// script cannot run here.
-std::string SuSeconds(const std::string& user) {
-  const std::string attempt =
-      "(sleep 0.3; printf 'wrong\\n') | setpriv --reuid=65534 --regid=65534 "
-      "--clear-groups script -qec \"bash -c 'TIMEFORMAT=%R; time su -c true " +
-      user + "'\" /dev/null 2>&1 | tail -n 1; ";
-  std::string command;
-  for (int i = 0; i < kAttempts; ++i) command += attempt;
-  FILE* su = popen(command.c_str(), "r");
-  if (su == nullptr) return "";
-  std::string seconds;
-  char line[128];
-  while (std::fgets(line, sizeof line, su) != nullptr) {
-    seconds += std::string(line).substr(0, std::strcspn(line, "\r\n")) + " ";
-  }
-  pclose(su);
-  return seconds;
-}
-
 // The seconds of "s1 s2 s3|..." added up, and the longest.
 std::pair<double, double> SumAndMax(const std::string& seconds) {
   double sum = 0, most = 0;
@@ -97,18 +72,10 @@ TEST(LauncherDelayTest, WrongPasswordsCostCallersButRootSecondsEach) {
   chmod(dir.c_str(), 01777);
   const std::string marker = dir + "/ran";
   qvehost::SetLauncherPath(launcher);
-  std::string su_seconds;
-  std::thread su_thread([&] { su_seconds = SuSeconds(account->name); });
   const std::string nobody =
       AsNobody([&] { return WrongPasswords(*account, marker, kFailed); });
   const std::string root = WrongPasswords(*account, marker, kWrongPassword);
-  su_thread.join();
   qvehost::SetLauncherPath("");
-  std::cout << "wrong passwords as nobody, s: "
-            << nobody.substr(0, nobody.find('|')) << "(total "
-            << SumAndMax(nobody).first << "); su on a terminal as nobody, s: "
-            << su_seconds << "(total " << SumAndMax(su_seconds).first
-            << "); as root, s: " << root.substr(0, root.find('|')) << "\n";
   EXPECT_GE(SumAndMax(nobody).first, kAttempts * kDelaySeconds) << nobody;
   EXPECT_LT(SumAndMax(root).second, kDelaySeconds) << root;
   EXPECT_EQ(nobody.substr(nobody.find('|')), "|");

@@ -14,8 +14,6 @@ namespace qvetest {
 namespace {
 
 using fetchlet::serve::Config;
-using fetchlet::serve::ConfigProblem;
-using fetchlet::serve::LoadConfig;
 using Lines = std::vector<std::string>;
 
 // One collector that loads; cases append to it or replace parts of it.
@@ -30,20 +28,6 @@ constexpr const char* kGood = R"(collectors:
 
 std::string WithCollector(const std::string& more) {
   return std::string(kGood) + more;
-}
-
-// Problems (or warnings) as "F:line:column: message" lines.
-Lines Load(const std::string& text, bool warnings = false) {
-  const std::string path = WriteServeFile("broken.yaml", text);
-  std::vector<ConfigProblem> problems, warned;
-  const bool loaded = LoadConfig(path, &problems, &warned).has_value();
-  EXPECT_EQ(loaded, problems.empty());
-  Lines lines;
-  for (const auto& problem : warnings ? warned : problems) {
-    std::string line = problem.ToString();
-    lines.push_back("F" + line.substr(path.size()));
-  }
-  return lines;
 }
 
 std::string PasswordFile(const std::string& name, mode_t mode, uid_t owner) {
@@ -166,13 +150,14 @@ TEST(ServeConfigTest, BrokenFilesNameEachProblemWithItsPlace) {
         "F:1:31: duplicate key 'name'"}},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(Load(c.text), c.expected) << c.text;
+    EXPECT_EQ(ConfigProblems(c.text), c.expected) << c.text;
   }
 }
 
-// The README's example, with a password file of this test's own.
-TEST(ServeConfigTest, ReadmeExampleLoads) {
-  const std::string readme = ReadServeFile(QVE_SOURCE_DIR "/README.md");
+// The README's examples: the configuration, with a password file of this
+// test's own, and a collector of each format.
+TEST(ServeConfigTest, ReadmeExamplesLoad) {
+  const std::string readme = FileBytes(QVE_SOURCE_DIR "/README.md");
   const std::regex block("```yaml\n([^`]*collectors:[^`]*)```");
   std::smatch example;
   ASSERT_TRUE(std::regex_search(readme, example, block))
@@ -181,19 +166,16 @@ TEST(ServeConfigTest, ReadmeExampleLoads) {
   const std::string text = std::regex_replace(
       example[1].str(), std::regex("password_file: *[^ \n]+"),
       "password_file: " + password);
-  const Config config = LoadServeConfig(text);
-  EXPECT_FALSE(config.collectors.empty());
-}
-
-TEST(ServeConfigTest, MetricTimeoutAmongPropertiesIsOnlyAWarning) {
-  const std::string text =
-      "collectors:\n  - name: c\n    kind: os\n    interval: 1s\n"
-      "    properties: {command: uptime, KT_METRIC_TIMEOUT: '5'}\n"
-      "    regex: 'x'\n    metrics: [{name: v, help: h, value: {column: 0}}]\n";
-  EXPECT_EQ(Load(text), Lines{});
-  EXPECT_EQ(Load(text, true),
-            Lines{"F:5:35: KT_METRIC_TIMEOUT makes the fetchlet ignore aborts; "
-                  "use the collector's timeout"});
+  EXPECT_FALSE(LoadServeConfig(text).collectors.empty());
+  const std::regex format("```yaml\n(  - name:[^`]*format: (\\w+)[^`]*)```");
+  Lines formats;
+  for (std::sregex_iterator it(readme.begin(), readme.end(), format), end;
+       it != end; ++it) {
+    formats.push_back((*it)[2]);
+    const Config config = LoadServeConfig("collectors:\n" + (*it)[1].str());
+    EXPECT_EQ(config.collectors.size(), 1u) << (*it)[1];
+  }
+  EXPECT_EQ(formats, (Lines{"prometheus", "nagios", "json"}));
 }
 
 TEST(ServeConfigTest, ValuesLoadAsWrittenAndJsonMatchesYaml) {
@@ -241,12 +223,12 @@ TEST(ServeConfigTest, CredentialsComeFromTheServiceDirectoryOnly) {
       "    properties: {command: uptime}\n    password_credential: NAME\n"
       "    regex: 'x'\n    metrics: [{name: v, help: h, value: {column: 0}}]\n";
   unsetenv("CREDENTIALS_DIRECTORY");
-  EXPECT_EQ(Load(std::regex_replace(text, std::regex("NAME"), "pw")),
+  EXPECT_EQ(ConfigProblems(std::regex_replace(text, std::regex("NAME"), "pw")),
             Lines{"F:6:26: password_credential needs $CREDENTIALS_DIRECTORY, "
                   "which systemd's LoadCredential= sets; started by hand, "
                   "use password_file"});
   setenv("CREDENTIALS_DIRECTORY", directory.c_str(), 1);
-  EXPECT_EQ(Load(std::regex_replace(text, std::regex("NAME"), "../pw")),
+  EXPECT_EQ(ConfigProblems(std::regex_replace(text, std::regex("NAME"), "../pw")),
             Lines{"F:6:26: invalid credential name '../pw'"});
   const Config config =
       LoadServeConfig(std::regex_replace(text, std::regex("NAME"), "pw"));
@@ -302,7 +284,7 @@ TEST(ServeConfigTest, LimitsInheritFromTheTopOrFailTheLoad) {
   };
   for (const auto& c : cases) {
     const std::string why = qvehost::RunLimitsError(c.limits);
-    const Lines problems = Load(c.text);
+    const Lines problems = ConfigProblems(c.text);
     if (why.empty()) {
       EXPECT_TRUE(problems.empty()) << c.text;
       continue;
@@ -320,7 +302,7 @@ TEST(ServeConfigTest, LimitsInheritFromTheTopOrFailTheLoad) {
       {"    limits: {disk: 1}\n", "F:8:14: unknown key 'disk' in limits"},
   };
   for (const auto& [more, expected] : broken) {
-    const Lines problems = Load(WithCollector(more));
+    const Lines problems = ConfigProblems(WithCollector(more));
     ASSERT_FALSE(problems.empty()) << more;
     EXPECT_EQ(problems[0].substr(0, expected.size()), expected) << problems[0];
   }

@@ -87,7 +87,8 @@ std::string ManyValues(size_t n) {
 const std::string kLsblk = R"({"blockdevices": [
   {"name": "sda", "size": 1000, "model": "M \"1\"", "ro": false, "children": [
     {"name": "sda1", "size": 400, "ro": true, "model": null},
-    {"name": "sda2", "size": "600", "children": [{"name": "vg-root", "size": 5}]}]},
+    {"name": "sda2", "size": "600", "children": [{"name": "vg-root", "size": 5},
+                                                 {"name": "vg-swap", "size": "y"}]}]},
   {"name": "sdb", "size": "x", "model": "N", "ro": false},
   {"name": "sdc", "size": 1, "model": null}]})";
 
@@ -99,8 +100,9 @@ const std::vector<Case> kCases = {
       "disk_size_bytes{device=\"vg-root\",model=\"M \\\"1\\\"\"} 5",
       "disk_read_only{device=\"sda\"} 0", "disk_read_only{device=\"sda1\"} 1",
       "disk_read_only{device=\"sda2\"} 0", "disk_read_only{device=\"vg-root\"} 0"},
-     2, "",
-     {"row 2 dropped: 'x' is not a number",
+     3, "",
+     {"row 1.2.2 dropped: 'y' is not a number",
+      "row 2 dropped: 'x' is not a number",
       "row 3 dropped: no /model for label model"}},
     {"document_as_rows", Links(),
      R"([{"ifname": "lo", "operstate": "UNKNOWN", "stats64": {"rx": {"bytes": "2K"}}},
@@ -131,7 +133,7 @@ class JsonFormatTest : public testing::TestWithParam<Case> {};
 TEST_P(JsonFormatTest, RowsToSamples) {
   const Case& c = GetParam();
   const Parsed parsed = ParseJson(c.document, c.format.layout, c.format.metrics);
-  EXPECT_EQ(RenderedSamples(parsed), c.samples);
+  EXPECT_EQ(RenderedSamples(parsed.families), c.samples);
   EXPECT_EQ(parsed.parse, c.parse);
   EXPECT_EQ(parsed.failure, c.failure);
   EXPECT_EQ(parsed.notes, c.notes);

@@ -115,7 +115,7 @@ class PrometheusFormat : public testing::TestWithParam<Case> {};
 TEST_P(PrometheusFormat, RendersAndCounts) {
   const Case& c = GetParam();
   const Parsed parsed = ParsePrometheus(c.input, PrometheusOptions{});
-  EXPECT_EQ(Rendered(parsed), c.exposition);
+  EXPECT_EQ(Rendered(parsed.families), c.exposition);
   EXPECT_EQ(parsed.parse, c.parse);
   EXPECT_EQ(parsed.duplicate, c.duplicate);
   EXPECT_EQ(parsed.notes, c.notes);
@@ -131,7 +131,7 @@ TEST(PrometheusFormatOptions, PrefixAndLabels) {
       "# TYPE jobs_total counter\njobs_total{q=\"1\"} 2\n"
       "used_bytes 3\nfree{site=\"a\"} 1\n# TYPE m stateset\nm{m=\"on\"} 1\n# EOF\n",
       options);
-  EXPECT_EQ(RenderedSamples(parsed),
+  EXPECT_EQ(RenderedSamples(parsed.families),
             (Lines{"app_jobs_total{q=\"1\",site=\"b\"} 2", "app_used_bytes{site=\"b\"} 3",
                    "app_m{app_m=\"on\",site=\"b\"} 1"}));
   EXPECT_EQ(parsed.parse, 1u);

@@ -3,22 +3,16 @@
 // Prometheus.
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
-#include "../common/processes.h"
 #include "format_test_support.h"
-#include "serve_test_support.h"
+#include "serve_wire_support.h"
 
 namespace qvetest {
 namespace {
@@ -30,25 +24,13 @@ constexpr const char* kScripts = "/usr/share/prometheus-node-exporter-collectors
 
 // What argv printed on standard output, once it ended.
 std::string Output(const std::vector<std::string>& argv) {
-  const std::string out = ServeTempPath("real-out");
-  const pid_t pid = SpawnWithOutput(argv, out, ServeTempPath("real-err"));
-  int status = 0;
-  if (pid > 0) waitpid(pid, &status, 0);
-  return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ReadServeFile(out)
-                                                                   : "";
+  const Ran ran = RunProgram(argv);
+  return ran.status == 0 ? ran.out : "";
 }
 
-// fetchlet test --json on one os collector c of format running command,
-// with the collector's other keys in extra.
 Json Evaluate(const std::string& format, const std::string& command,
               const std::string& extra = "") {
-  const std::string config =
-      "collectors:\n  - name: c\n    kind: os\n    interval: 1m\n    format: " +
-      format + "\n    properties: {command: \"" + command + "\"}\n" + extra;
-  const std::string path = WriteServeFile("real.yaml", config);
-  const Json parsed = Json::parse(
-      Output({QVE_FETCHLET_BIN, "test", "--config", path, "--json"}), nullptr, false);
-  return parsed.is_discarded() ? Json() : parsed;
+  return TestJson(FormatCollector(format, command, extra));
 }
 
 bool HasSample(const Json& outcome, const std::string& name) {
@@ -89,19 +71,6 @@ class Loopback {
   std::thread thread_;
 };
 
-// A loopback port nothing listens on: bound without listening, released.
-std::string ClosedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  close(fd);
-  return std::to_string(ntohs(address.sin_port));
-}
-
 TEST(RealPluginsTest, StatesAndPerformanceData) {
   if (!std::filesystem::exists(std::string(kPlugins) + "check_tcp")) {
     GTEST_SKIP() << "monitoring-plugins-basic is not installed";
@@ -117,7 +86,7 @@ TEST(RealPluginsTest, StatesAndPerformanceData) {
       {"check_dummy 1 so-so", "warning", ""},
       {"check_dummy 3 what", "unknown", ""},
       {"check_tcp -H 127.0.0.1 -p " + web.port(), "ok", "nagios_c_time_seconds"},
-      {"check_tcp -H 127.0.0.1 -p " + ClosedPort(), "critical", ""},
+      {"check_tcp -H 127.0.0.1 -p " + std::to_string(FreePort()), "critical", ""},
       {"check_http -H 127.0.0.1 -p " + web.port(), "ok", "nagios_c_size_bytes"},
       {"check_http -H 127.0.0.1 -u /fail -p " + web.port(), "critical",
        "nagios_c_time_seconds"},
@@ -165,13 +134,6 @@ TEST(RealScriptsTest, TextfileCollectorsAsTheyShip) {
 }
 
 using Values = std::map<std::string, double>;
-
-std::vector<std::string> Arguments(const std::string& command) {
-  std::istringstream words(command);
-  std::vector<std::string> argv;
-  for (std::string word; words >> word;) argv.push_back(word);
-  return argv;
-}
 
 // lsblk's devices and their children: name -> size in bytes.
 void DeviceSizes(const Json& devices, Values* sizes) {
@@ -238,7 +200,7 @@ TEST(RealJsonTest, ProgramsThatPrintJson) {
        }},
   };
   for (const Case& c : cases) {
-    const Json own = Json::parse(Output(Arguments(c.command)), nullptr, false);
+    const Json own = Json::parse(Output({"/bin/sh", "-c", c.command}), nullptr, false);
     ASSERT_FALSE(own.is_discarded()) << c.command;
     const Json outcome = Evaluate("json", c.command, c.keys);
     EXPECT_EQ(outcome["failure"], "") << c.command << outcome;

@@ -1,8 +1,7 @@
 // Results to samples: table rows, os output through a regex, udm values,
 // and the failure kinds of evaluations that gave nothing to map.
-#include <sstream>
-
 #include "common/result_json.h"
+#include "format_test_support.h"
 #include "serve/collector.h"
 #include "serve/mapping.h"
 #include "serve/meta_metrics.h"
@@ -40,24 +39,6 @@ std::string FailureText(const Mapped& mapped) {
   return mapped.failure ? fetchlet::serve::FailureName(*mapped.failure) : "";
 }
 
-// Each sample as NAME{LABEL="VALUE",...} NUMBER, in family order.
-Lines Samples(const Mapped& mapped) {
-  Lines lines;
-  for (const auto& family : mapped.families) {
-    for (const auto& sample : family.samples) {
-      std::ostringstream line;
-      line << family.name << "{";
-      for (size_t i = 0; i < sample.labels.size(); ++i) {
-        line << (i > 0 ? "," : "") << sample.labels[i].first << "=\""
-             << sample.labels[i].second << "\"";
-      }
-      line << "} " << sample.value;
-      lines.push_back(line.str());
-    }
-  }
-  return lines;
-}
-
 struct Case {
   std::string name;
   std::string collector;
@@ -88,7 +69,8 @@ const char* kUnits = R"(    kind: osline
     properties: {command: x, tableSeparator: "--"}
     table: {nested_table: 1}
     metrics:
-      - {name: unit_active, help: h, value: {column: 0, map: {active: 1, failed: 0}}}
+      - {name: unit_active, help: h, value: {column: 0, map: {active: 1, failed: 0}},
+         labels: {unit: 0}}
 )";
 
 const char* kLinks = R"(    kind: oslinetoken
@@ -123,14 +105,14 @@ std::vector<Case> Cases() {
   return {
       {"df rows, padded with runs of spaces", kDf,
        Rows({df_header, vda, tmp}),
-       {"fs_size_bytes{device=\"/dev/vda\",mountpoint=\"/\"} 1.024e+06",
-        "fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2.09715e+06",
+       {"fs_size_bytes{device=\"/dev/vda\",mountpoint=\"/\"} 1024000",
+        "fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2097152",
         "fs_used_ratio{device=\"/dev/vda\",mountpoint=\"/\"} 0.25",
         "fs_used_ratio{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 0"},
        0, "", {}},
       {"rows that do not parse are dropped whole", kDf,
        Rows({df_header, bad, tmp, short_row}),
-       {"fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2.09715e+06",
+       {"fs_size_bytes{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 2097152",
         "fs_used_ratio{device=\"tmpfs\",mountpoint=\"/run/user/0\"} 0"},
        2, "",
        {"row 2 dropped: '12abc' is not a number",
@@ -138,18 +120,18 @@ std::vector<Case> Cases() {
       {"the configured nested table through a map", kUnits,
        Rows({{Json{{"rows", {{"ignored"}}}},
                 Json{{"rows", {{"active"}, {"failed"}, {"gone"}}}}}}),
-       {"unit_active{} 1", "unit_active{} 0"}, 1, "",
+       {"unit_active{unit=\"active\"} 1", "unit_active{unit=\"failed\"} 0"}, 1, "",
        {"row 3 dropped: 'gone' is not in the map"}},
       {"fewer nested tables than the one configured", kUnits,
        Rows({{Json{{"rows", {{"active"}}}}}}), {}, 0, "", {}},
       {"stateset and info from a table", kLinks,
        Rows({{"eth0", "up", "virtio"}, {"eth1", "sideways", "e1000"}}),
        {"link{dev=\"eth0\",link=\"up\"} 1", "link{dev=\"eth0\",link=\"down\"} 0",
-        "driver{dev=\"eth0\",driver=\"virtio\"} 1"},
+        "driver_info{dev=\"eth0\",driver=\"virtio\"} 1"},
        1, "", {"row 2 dropped: 'sideways' is not a state of link"}},
       {"os output through the regex's groups", kLoad,
        Rows({{" 10:00 up, load average: 0.50, 1.25, idle\n"}}),
-       {"load1{} 0.5", "load5{word=\"idle\"} 1.25"}, 0, "", {}},
+       {"load1 0.5", "load5{word=\"idle\"} 1.25"}, 0, "", {}},
       {"an unmatched group leaves its column empty", kLoad,
        Rows({{"load average: 0.50, 1.25\n"}}), {}, 0, "parse",
        {"output dropped: no column 4 for label word"}},
@@ -157,7 +139,7 @@ std::vector<Case> Cases() {
        {}, 0, "parse", {"output does not match the regex"}},
       {"udm NUMBER: a gauge, the message a note", Udm("NUMBER", number),
        Rows({{"u", "87", nullptr, "disk usage high"}}),
-       {"used_ratio{} 0.87"}, 0, "", {"message: disk usage high"}},
+       {"used_ratio 0.87"}, 0, "", {"message: disk usage high"}},
       {"udm STRING as a stateset",
        Udm("STRING", "{name: svc, help: h, type: stateset, states: [active, "
                      "failed]}"),
@@ -165,11 +147,11 @@ std::vector<Case> Cases() {
        {"svc{svc=\"active\"} 0", "svc{svc=\"failed\"} 1"}, 0, "",
        {"message: m"}},
       {"udm STRING as an info", Udm("STRING", "{name: ver, help: h, type: info}"),
-       Rows({{"u", nullptr, "v1.2 \"x\"", "m"}}), {"ver{ver=\"v1.2 \"x\"\"} 1"},
+       Rows({{"u", nullptr, "v1.2 \"x\"", "m"}}), {"ver_info{ver=\"v1.2 \\\"x\\\"\"} 1"},
        0, "", {"message: m"}},
       {"udm STRING through a map",
        Udm("STRING", "{name: ok, help: h, map: {yes: 1, no: 0}}"),
-       Rows({{"u", nullptr, "no", "m"}}), {"ok{} 0"}, 0, "", {"message: m"}},
+       Rows({{"u", nullptr, "no", "m"}}), {"ok 0"}, 0, "", {"message: m"}},
       {"udm row without value", Udm("NUMBER", number),
        Rows({{"u", nullptr, nullptr, "User Defined Metric u did not "
                                        "generate any output"}}),
@@ -190,7 +172,7 @@ TEST(ServeMappingTest, ResultsBecomeSamples) {
   for (const Case& c : Cases()) {
     const Mapped mapped =
         MapEvaluation(Collector(c.collector), Succeeded(c.rows));
-    EXPECT_EQ(Samples(mapped), c.samples) << c.name;
+    EXPECT_EQ(RenderedSamples(mapped.families), c.samples) << c.name;
     EXPECT_EQ(mapped.dropped_rows, c.dropped_rows) << c.name;
     EXPECT_EQ(FailureText(mapped), c.failure) << c.name;
     EXPECT_EQ(NotesWithMessage(mapped), c.notes) << c.name;

@@ -15,9 +15,6 @@ import subprocess
 import sys
 import threading
 import time
-import urllib.error
-import urllib.parse
-import urllib.request
 
 import real_clients as rc
 
@@ -114,14 +111,6 @@ def write_prometheus(fleet, port, serve_port):
     return path
 
 
-def status(url):
-    try:
-        with urllib.request.urlopen(url, timeout=10) as response:
-            return response.status
-    except urllib.error.HTTPError as error:
-        return error.code
-
-
 def check_fleet(prom, fleet):
     expected = {a: PASSES[kind] for targets in fleet.values() for a, kind in targets}
 
@@ -147,9 +136,6 @@ def main():
                                            "--log-level", "error"]))
         base = "http://127.0.0.1:%d" % serve_port
         rc.poll("serve", lambda: rc._ok(base + "/healthz"))
-        for target in ["a b", "'a'", "$(touch x)", "-x", "a\nb", "", "a" * 2000]:
-            assert status(base + "/probe?module=tcp&port=1&target=" +
-                          urllib.parse.quote(target)) == 400, target
         prom = "http://127.0.0.1:%d" % prom_port
         processes.append(subprocess.Popen(
             ["prometheus", "--config.file", write_prometheus(fleet, port, serve_port),

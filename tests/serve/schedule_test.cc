@@ -10,21 +10,12 @@ namespace fetchlet::serve {
 namespace {
 
 using namespace std::chrono_literals;
+using qvetest::OsCollector;
 using qvetest::ProcessesWith;
 using qvetest::UniqueSleep;
 using qvetest::WaitFor;
 
 constexpr Failure kTimeout = Failure::kTimeout;
-
-// One collector's YAML: an os collector reading the first number printed.
-std::string Collector(const std::string& name, const std::string& command,
-                      const std::string& schedule, const std::string& timeout,
-                      const std::string& extra = "") {
-  return "  - name: " + name + "\n    kind: os\n    properties: {command: '" +
-         command + "'" + extra + "}\n    " + schedule + "\n    timeout: " +
-         timeout + "\n    regex: '([0-9]+)'\n    metrics:\n      - {name: " +
-         name + "_value, help: A value., value: {column: 1}}\n";
-}
 
 std::vector<CollectorPtr> Collectors(const std::string& collectors) {
   const Config config =
@@ -60,7 +51,7 @@ TEST(ScheduleTest, HungCommandsEndAtTheirDeadlineWithTheirProcesses) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto collectors = Collectors(
-        Collector("hung", c.command, "interval: 1h", "2s", c.extra));
+        OsCollector("hung", c.command, "interval: 1h", "2s", c.extra));
     Scheduler scheduler(2, 0);
     scheduler.SetCollectors(collectors);
     EXPECT_TRUE(WaitFor([&] { return Evaluated(collectors[0]); }, 4s));
@@ -72,7 +63,7 @@ TEST(ScheduleTest, HungCommandsEndAtTheirDeadlineWithTheirProcesses) {
 }
 
 TEST(ScheduleTest, ARunDueWhileTheLastRunsIsSkipped) {
-  const auto collectors = Collectors(Collector(
+  const auto collectors = Collectors(OsCollector(
       "slow", "/bin/sh -c \"sleep 1.3; echo 7\"", "interval: 500ms", "10s"));
   Scheduler scheduler(4, 0);
   scheduler.SetCollectors(collectors);
@@ -88,7 +79,7 @@ TEST(ScheduleTest, ARunDueWhileTheLastRunsIsSkipped) {
 TEST(ScheduleTest, ConcurrentScrapesShareOneEvaluation) {
   const std::string count = qvetest::ServeTempPath("runs");
   std::remove(count.c_str());
-  const auto collectors = Collectors(Collector(
+  const auto collectors = Collectors(OsCollector(
       "shared", "/bin/sh -c \"echo run >> " + count + "; sleep 0.5; echo 1\"",
       "on_scrape: {cache_for: 1h}", "10s"));
   Scheduler scheduler(2, 0);
@@ -101,14 +92,14 @@ TEST(ScheduleTest, ConcurrentScrapesShareOneEvaluation) {
   }
   for (std::thread& scrape : scrapes) scrape.join();
   scheduler.RefreshOnScrape(std::chrono::steady_clock::now() + 10s);
-  EXPECT_EQ(qvetest::ReadServeFile(count), "run\n");
+  EXPECT_EQ(qvetest::FileBytes(count), "run\n");
   EXPECT_EQ(collectors[0]->snapshot()->generation, 1u);
 }
 
 TEST(ScheduleTest, AScrapeGetsTheLastValueAtItsDeadline) {
   const std::string marker = UniqueSleep(4);
   const auto collectors =
-      Collectors(Collector("stuck", "/bin/sleep " + marker,
+      Collectors(OsCollector("stuck", "/bin/sleep " + marker,
                            "on_scrape: {cache_for: 1s}", "1h"));
   Scheduler scheduler(2, 0);
   scheduler.SetCollectors(collectors);
@@ -122,27 +113,13 @@ TEST(ScheduleTest, AScrapeGetsTheLastValueAtItsDeadline) {
   EXPECT_EQ(collectors[0]->failures(kTimeout), 1u);
 }
 
-TEST(ScheduleTest, ARemovedCollectorsRunEnds) {
-  const std::string marker = UniqueSleep(5);
-  const auto collectors = Collectors(
-      Collector("removed", "/bin/sleep " + marker, "interval: 1h", "1h"));
-  Scheduler scheduler(2, 0);
-  scheduler.SetCollectors(collectors);
-  ASSERT_TRUE(WaitFor([&] { return ProcessesWith(marker) == 1; }, 4s));
-  scheduler.SetCollectors({});
-  EXPECT_TRUE(WaitFor([&] { return Evaluated(collectors[0]); }, 4s));
-  EXPECT_EQ(ProcessesWith(marker), 0);
-  EXPECT_EQ(collectors[0]->failures(kTimeout), 1u);
-  EXPECT_TRUE(scheduler.collectors().empty());
-}
-
 TEST(ScheduleTest, HungCollectorsDoNotStarveAHealthyOne) {
   std::string yaml;
   for (int i = 0; i < 10; ++i) {
-    yaml += Collector("hung" + std::to_string(i), "/bin/sleep " + UniqueSleep(6),
+    yaml += OsCollector("hung" + std::to_string(i), "/bin/sleep " + UniqueSleep(6),
                       "interval: 30s", "2s");
   }
-  yaml += Collector("healthy", "/bin/echo 1", "interval: 1s", "2s");
+  yaml += OsCollector("healthy", "/bin/echo 1", "interval: 1s", "2s");
   const auto collectors = Collectors(yaml);
   const CollectorPtr healthy = collectors.back();
   Scheduler scheduler(2, 0.1);

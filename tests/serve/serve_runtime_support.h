@@ -3,8 +3,7 @@
 #ifndef QVE_TESTS_SERVE_SERVE_RUNTIME_SUPPORT_H_
 #define QVE_TESTS_SERVE_SERVE_RUNTIME_SUPPORT_H_
 
-#include <dirent.h>
-
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -31,6 +30,18 @@ inline std::optional<fetchlet::agent::EntryPoints> EntryPoints(
   return plugin->Find(kind);
 }
 
+// One collector's YAML: an os collector reading the first number printed.
+inline std::string OsCollector(const std::string& name,
+                               const std::string& command,
+                               const std::string& schedule,
+                               const std::string& timeout,
+                               const std::string& extra = "") {
+  return "  - name: " + name + "\n    kind: os\n    properties: {command: '" +
+         command + "'" + extra + "}\n    " + schedule + "\n    timeout: " +
+         timeout + "\n    regex: '([0-9]+)'\n    metrics:\n      - {name: " +
+         name + "_value, help: A value., value: {column: 1}}\n";
+}
+
 // Polls every 20 ms until done() or limit passes; done()'s last answer.
 inline bool WaitFor(const std::function<bool()>& done,
                     std::chrono::milliseconds limit) {
@@ -44,20 +55,14 @@ inline bool WaitFor(const std::function<bool()>& done,
 
 // How many live (not zombie) processes have marker in their command line.
 inline int ProcessesWith(const std::string& marker) {
-  int count = 0;
-  DIR* proc = opendir("/proc");
-  while (const dirent* entry = readdir(proc)) {
-    const std::string dir = std::string("/proc/") + entry->d_name;
-    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-    std::string cmdline = ReadServeFile(dir + "/cmdline");
-    const std::string stat = ReadServeFile(dir + "/stat");
+  return static_cast<int>(ProcessesWhere([&](const std::string& dir) {
+    std::string cmdline = FileBytes(dir + "/cmdline");
+    const std::string stat = FileBytes(dir + "/stat");
     const size_t paren = stat.rfind(')');
-    if (paren == std::string::npos || stat.substr(paren + 2, 1) == "Z") continue;
-    for (char& c : cmdline) c = c == '\0' ? ' ' : c;
-    if (cmdline.find(marker) != std::string::npos) ++count;
-  }
-  closedir(proc);
-  return count;
+    if (paren == std::string::npos || stat.substr(paren + 2, 1) == "Z") return false;
+    std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+    return cmdline.find(marker) != std::string::npos;
+  }).size());
 }
 
 // A number no other process on the machine has in its command line.

@@ -3,13 +3,15 @@
 #define QVE_TESTS_SERVE_SERVE_TEST_SUPPORT_H_
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/processes.h"
+#include "common/test_account.h"
 #include "serve/config.h"
 
 namespace qvetest {
@@ -27,11 +29,37 @@ inline std::string WriteServeFile(const std::string& name,
   return path;
 }
 
-inline std::string ReadServeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+struct Ran {
+  int status = -1;  // -1: it did not exit
+  std::string out, err;
+};
+
+// argv run to its end, with what it printed on each stream.
+inline Ran RunProgram(std::vector<std::string> argv) {
+  const std::string out = ServeTempPath("run-out"), err = ServeTempPath("run-err");
+  const pid_t pid = SpawnWithOutput(std::move(argv), out, err);
+  Ran ran;
+  int status = 0;
+  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    ran.status = WEXITSTATUS(status);
+  }
+  ran.out = FileBytes(out);
+  ran.err = FileBytes(err);
+  return ran;
+}
+
+// The problems of loading text, as "F:LINE:COLUMN: MESSAGE".
+inline std::vector<std::string> ConfigProblems(const std::string& text) {
+  const std::string path = WriteServeFile("problems.yaml", text);
+  std::vector<fetchlet::serve::ConfigProblem> problems, warnings;
+  const bool loaded =
+      fetchlet::serve::LoadConfig(path, &problems, &warnings).has_value();
+  EXPECT_EQ(loaded, problems.empty());
+  std::vector<std::string> lines;
+  for (const auto& problem : problems) {
+    lines.push_back("F" + problem.ToString().substr(path.size()));
+  }
+  return lines;
 }
 
 // The configuration text, loaded; a test failure when it does not load.

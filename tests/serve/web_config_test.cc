@@ -3,24 +3,22 @@
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
+
+#include "tests/serve/serve_wire_support.h"
 
 namespace fetchlet::serve {
 namespace {
 
 namespace fs = std::filesystem;
 
-// bcrypt hashes of cost 4: alice "s3cret pass", bob "other" (written as
-// htpasswd -B writes it), carol "pa:ss".
-constexpr const char* kAlice =
-    "$2b$04$gNk1iq8F3/B.v6zkGEfIU.ODRqLVjp0VnWRZm8KqFixfGLJBYp67.";
+using qvetest::kAlice;
+// bcrypt hashes of cost 4: bob "other" (written as htpasswd -B writes it),
+// carol "pa:ss".
 constexpr const char* kBob =
     "$2y$04$Uzy/zPO6KLXHQ1yZbmiMFuhL6H.xbhaVHH3.6YzeBU5QuHDqM/BoG";
 constexpr const char* kCarol =
@@ -30,11 +28,8 @@ class WebConfigTest : public testing::Test {
  protected:
   // One CA, server and client certificates for the whole suite.
   static void SetUpTestSuite() {
-    char dir[] = "/tmp/web_config_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    ASSERT_EQ(std::system((std::string(QVE_MAKE_CERTS) + " " + dir_).c_str()),
-              0);
+    dir_ = qvetest::MakeTestCerts();
+    ASSERT_FALSE(dir_.empty());
   }
   static void TearDownTestSuite() { fs::remove_all(dir_); }
 
@@ -136,18 +131,18 @@ TEST_F(WebConfigTest, LoadReportsEachProblemWhereItStands) {
   }
 }
 
-TEST_F(WebConfigTest, LoadResolvesPathsAgainstTheFilesDirectory) {
+// Paths against the file's directory, and the exporter's names of suites.
+TEST_F(WebConfigTest, LoadResolvesPathsAndTakesTheExportersNames) {
   WebConfig web;
-  ASSERT_EQ(Load("tls_server_config:\n"
-                 "  cert_file: server.crt\n"
-                 "  key_file: " +
-                     dir_ +
-                     "/server.key\n"
-                     "  client_ca_file: ./ca.crt\n"
+  ASSERT_EQ(Load("tls_server_config:\n  cert_file: server.crt\n  key_file: " +
+                     dir_ + "/server.key\n  client_ca_file: ./ca.crt\n"
                      "  client_auth_type: VerifyClientCertIfGiven\n"
-                     "  min_version: TLS13\n"
-                     "basic_auth_users:\n  alice: " +
-                     std::string(kAlice) + "\n",
+                     "  min_version: TLS13\n  cipher_suites:\n"
+                     "    - TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384\n"
+                     "    - TLS_AES_256_GCM_SHA384\n"
+                     "    - TLS_RSA_WITH_AES_128_CBC_SHA\n"
+                     "rate_limit: {interval: 500ms, burst: 3}\n"
+                     "basic_auth_users:\n  alice: " + std::string(kAlice) + "\n",
                  &web),
             "");
   ASSERT_TRUE(web.tls);
@@ -156,26 +151,12 @@ TEST_F(WebConfigTest, LoadResolvesPathsAgainstTheFilesDirectory) {
   EXPECT_EQ(web.tls->client_ca_file, dir_ + "/./ca.crt");
   EXPECT_EQ(web.tls->client_auth, ClientAuth::kVerifyClientCertIfGiven);
   EXPECT_EQ(web.tls->min_version, TlsVersion::kTls13);
-  EXPECT_EQ(web.basic_auth_users,
-            (std::map<std::string, std::string>{{"alice", kAlice}}));
-}
-
-TEST_F(WebConfigTest, LoadTakesTheExportersNamesOfSuitesAndTheRateLimit) {
-  WebConfig web;
-  ASSERT_EQ(Load("tls_server_config:\n"
-                 "  cert_file: server.crt\n  key_file: server.key\n"
-                 "  cipher_suites:\n"
-                 "    - TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384\n"
-                 "    - TLS_AES_256_GCM_SHA384\n"
-                 "    - TLS_RSA_WITH_AES_128_CBC_SHA\n"
-                 "rate_limit: {interval: 500ms, burst: 3}\n",
-                 &web),
-            "");
-  ASSERT_TRUE(web.tls);
   EXPECT_EQ(web.tls->cipher_suites,
             (std::vector<std::string>{"ECDHE-RSA AES-256-GCM AEAD",
                                       "RSA AES-128-CBC SHA1"}));
   EXPECT_EQ(web.rate_limit, (RateLimit{std::chrono::milliseconds(500), 3}));
+  EXPECT_EQ(web.basic_auth_users,
+            (std::map<std::string, std::string>{{"alice", kAlice}}));
   std::string error;
   EXPECT_NE(MakeHttpServer(web, &error), nullptr) << error;
 }

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -55,10 +54,6 @@ class WebTlsTest : public testing::Test {
     thread_ = std::thread([this] { server_->Run(); });
   }
 
-  std::string Curl(const std::string& options, int* exit_status) {
-    return qvetest::CurlStatus(dir_, options, exit_status);
-  }
-
   std::string Url() {
     return "https://localhost:" + std::to_string(port_) + "/metrics";
   }
@@ -74,9 +69,7 @@ const std::string& kUser = qvetest::kAliceCurl;
 const std::string kStranger = "--cert intruder.crt --key intruder.key ";
 const std::string kCbc = "--tls-max 1.2 --ciphers ECDHE-ECDSA-AES128-SHA ";
 
-std::string Tls(const std::string& auth_type, const std::string& more = "") {
-  return qvetest::TlsWebConfig(auth_type, more);
-}
+using qvetest::TlsWebConfig;
 
 // RequireAndVerifyClientCert, the sample's policy, and plain HTTP to a TLS
 // port are tried on fetchlet serve itself (serve_command_test.cc).
@@ -87,19 +80,19 @@ TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
     std::string options;
     const char* status;
   } cases[] = {
-      {Tls("VerifyClientCertIfGiven", verified), kUser, "200"},
-      {Tls("VerifyClientCertIfGiven", verified), kStranger + kUser, "000"},
-      {Tls("RequireAnyClientCert"), kStranger + kUser, "200"},
-      {Tls("RequireAnyClientCert"), kUser, "000"},
-      {Tls("RequestClientCert"), kUser, "200"},
-      {Tls("NoClientCert"), kStranger + kUser, "200"},
-      {Tls("NoClientCert", "  min_version: TLS13\n"), "--tls-max 1.2 " + kUser,
+      {TlsWebConfig("VerifyClientCertIfGiven", verified), kUser, "200"},
+      {TlsWebConfig("VerifyClientCertIfGiven", verified), kStranger + kUser, "000"},
+      {TlsWebConfig("RequireAnyClientCert"), kStranger + kUser, "200"},
+      {TlsWebConfig("RequireAnyClientCert"), kUser, "000"},
+      {TlsWebConfig("RequestClientCert"), kUser, "200"},
+      {TlsWebConfig("NoClientCert"), kStranger + kUser, "200"},
+      {TlsWebConfig("NoClientCert", "  min_version: TLS13\n"), "--tls-max 1.2 " + kUser,
        "000"},
-      {Tls("NoClientCert", "  min_version: TLS13\n"), kUser, "200"},
+      {TlsWebConfig("NoClientCert", "  min_version: TLS13\n"), kUser, "200"},
       // TLS 1.2 offers no CBC suite unless the configuration names one.
-      {Tls("NoClientCert"), kCbc + kUser, "000"},
-      {Tls("NoClientCert"), "--tls-max 1.2 " + kUser, "200"},
-      {Tls("NoClientCert",
+      {TlsWebConfig("NoClientCert"), kCbc + kUser, "000"},
+      {TlsWebConfig("NoClientCert"), "--tls-max 1.2 " + kUser, "200"},
+      {TlsWebConfig("NoClientCert",
            "  cipher_suites: [TLS_ECDHE_ECDSA_WITH_AES_128_CBC_SHA]\n"),
        kCbc + kUser, "200"},
   };
@@ -107,7 +100,8 @@ TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
     SCOPED_TRACE(c.config + c.options);
     Start(c.config);
     int exit_status = -1;
-    EXPECT_EQ(Curl(c.options + " " + Url(), &exit_status), c.status);
+    EXPECT_EQ(qvetest::CurlStatus(dir_, c.options + " " + Url(), &exit_status),
+              c.status);
     EXPECT_EQ(exit_status == 0, std::string(c.status) != "000");
     TearDown();
   }
@@ -116,7 +110,7 @@ TEST_F(WebTlsTest, EachClientPolicyAdmitsTheClientsItShould) {
 // A TLS 1.2 session with a client certificate, resumed by a second
 // connection.
 TEST_F(WebTlsTest, ATls12SessionWithAClientCertificateResumes) {
-  Start(Tls("RequireAndVerifyClientCert", "  client_ca_file: ca.crt\n"));
+  Start(TlsWebConfig("RequireAndVerifyClientCert", "  client_ca_file: ca.crt\n"));
   const std::string client =
       "cd " + dir_ + " && openssl s_client -connect 127.0.0.1:" +
       std::to_string(port_) +
