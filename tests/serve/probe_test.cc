@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <future>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
