@@ -8,7 +8,6 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/evaluate.h"
-#include "byte_size.h"
 #include "check_command.h"
 #include "interrupt.h"
 #include "log_level.h"
@@ -16,6 +15,7 @@
 #include "properties.h"
 #include "render.h"
 #include "run_limits.h"
+#include "serve/duration.h"
 #include "serve/secret_file.h"
 #include "serve_command.h"
 
@@ -129,11 +129,9 @@ std::string ConfigureHost(const Options& o) {
     qvehost::SetServerVersion(static_cast<int32_t>(version));
   }
   if (!o.output_limit.empty()) {
-    uint64_t limit = 0;
-    if (!ParseByteSize(o.output_limit, &limit)) {
-      return "bad output limit '" + o.output_limit + "'";
-    }
-    qvehost::SetOutputLimit(limit);
+    const auto limit = serve::ParseSize(o.output_limit);
+    if (!limit) return "bad output limit '" + o.output_limit + "'";
+    qvehost::SetOutputLimit(*limit);
   }
   qvehost::RunLimits limits;
   std::string error = ParseLimitOptions(o.limits, &limits);

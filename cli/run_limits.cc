@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "byte_size.h"
+#include "serve/duration.h"
 
 namespace fetchlet {
 
@@ -25,10 +25,10 @@ bool ParseCpuShare(std::string_view text, double* cpu) {
 
 std::string ParseLimitOptions(const LimitOptions& options,
                               qvehost::RunLimits* limits) {
-  if (!options.memory.empty() &&
-      (!ParseByteSize(options.memory, &limits->memory_bytes) ||
-       limits->memory_bytes == 0)) {
-    return "bad memory limit '" + options.memory + "'";
+  if (!options.memory.empty()) {
+    const auto bytes = serve::ParseSize(options.memory);
+    if (!bytes || *bytes == 0) return "bad memory limit '" + options.memory + "'";
+    limits->memory_bytes = *bytes;
   }
   if (!options.pids.empty()) {
     const char* end = options.pids.data() + options.pids.size();

@@ -45,7 +45,8 @@ std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text) {
 
 std::optional<uint64_t> ParseSize(std::string_view text) {
   static constexpr std::pair<std::string_view, uint64_t> kUnits[] = {
-      {"", 1}, {"KiB", 1ull << 10}, {"MiB", 1ull << 20}, {"GiB", 1ull << 30}};
+      {"", 1},           {"B", 1},          {"KiB", 1ull << 10},
+      {"MiB", 1ull << 20}, {"GiB", 1ull << 30}, {"TiB", 1ull << 40}};
   const auto split = SplitNumber(text);
   if (!split) return std::nullopt;
   for (const auto& [unit, factor] : kUnits) {

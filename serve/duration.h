@@ -1,5 +1,6 @@
 // Durations ("500ms", "10s", "5m", "1h") and sizes ("64MiB", "1GiB", plain
-// bytes) as the configuration writes them.
+// bytes; B, KiB, MiB, GiB, TiB are powers of 1024) as the configuration and
+// the program's options write them.
 #ifndef FETCHLET_SERVE_DURATION_H_
 #define FETCHLET_SERVE_DURATION_H_
 
@@ -11,6 +12,7 @@
 namespace fetchlet::serve {
 
 std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text);
+// nullopt for anything else and for sizes past 2^64 - 1.
 std::optional<uint64_t> ParseSize(std::string_view text);
 
 }  // namespace fetchlet::serve
