@@ -40,6 +40,12 @@ struct ControllerName {
 constexpr ControllerName kControllerNames[] = {
     {kCpu, "cpu"}, {kMemory, "memory"}, {kPids, "pids"}, {kIo, "io"}};
 
+// Whether the comma-separated list holds word ("rw,cpu,cpuacct" holds "cpu").
+bool ListHolds(std::string_view list, std::string_view word) {
+  return ("," + std::string(list) + ",").find("," + std::string(word) + ",") !=
+         std::string::npos;
+}
+
 // The mount point and shown root of a cgroup hierarchy, from
 // /proc/self/mountinfo ("ID PARENT MAJ:MIN ROOT MOUNT OPTS... - TYPE SOURCE
 // SUPER-OPTIONS"): the unified one for an empty controller, else the v1 one
@@ -55,11 +61,7 @@ bool FindHierarchyMount(std::string_view controller, std::string* mount,
     std::string type, source, options;
     after >> type >> source >> options;
     if (type != (controller.empty() ? "cgroup2" : "cgroup")) continue;
-    if (!controller.empty() &&
-        ("," + options + ",").find("," + std::string(controller) + ",") ==
-            std::string::npos) {
-      continue;
-    }
+    if (!controller.empty() && !ListHolds(options, controller)) continue;
     std::istringstream before(line.substr(0, dash));
     std::string id, parent, device;
     before >> id >> parent >> device >> *root >> *mount;
@@ -78,11 +80,8 @@ bool OwnCgroupPath(std::string_view controller, std::string* path) {
     const size_t second = line.find(':', first + 1);
     if (first == std::string::npos || second == std::string::npos) continue;
     const std::string list = line.substr(first + 1, second - first - 1);
-    const bool match =
-        controller.empty()
-            ? line.rfind("0::", 0) == 0
-            : ("," + list + ",").find("," + std::string(controller) + ",") !=
-                  std::string::npos;
+    const bool match = controller.empty() ? line.rfind("0::", 0) == 0
+                                          : ListHolds(list, controller);
     if (match) {
       *path = line.substr(second + 1);
       return !path->empty();
